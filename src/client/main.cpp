@@ -1,0 +1,3 @@
+#include "qavel-client.h"
+
+int main(int argc, char** argv) { return qavelClientMain(argc, argv); }

@@ -1,0 +1,47 @@
+// The agent process: its process-wide state, the start-up and run phase (qavelClientMain), the stop
+// routine, the last-execution file, the dispatch of inbound messages and the reporting of results.
+// The state is plain namespace-scope data so that tests can put fakes in place of the pools and the
+// endpoint and drive on_message/callbackService without a network or a child process.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "../common/logFile.h"
+#include "../link/WSSEndpoint.h"
+#include "../pool/PoolThreadService.h"
+#include "../service/service.h"
+
+extern std::string pathToConfigFile;
+extern std::string pathSN;
+extern std::string pathLastExecFile;
+extern std::string NIVO_SN;
+extern std::string cafile;
+extern std::string keyfile;
+extern std::map<std::string, std::string> pluginPathExec;
+extern int debug;
+extern std::atomic<int> die_orva;
+extern logFile* fileLog;
+extern WSSEndpoint* endpoint;
+extern PoolThreadService* monitorPool;
+extern PoolThreadService* webPool;
+extern std::mutex mutex_lastexec;
+extern std::mutex mutex_response;
+extern std::condition_variable cond_var;
+extern int receiveResponse;
+
+// The agent's whole life; returns only through the process exit.
+int qavelClientMain(int argc, char** argv);
+
+// The stop routine: sets die_orva, logs, closes the link with 1000 and stops both pools.
+void HandlerQuit(int signal);
+// Writes the current time to pathLastExecFile; throws a FileException* when it cannot be opened.
+void writeLastExecTime();
+// The endpoint's message callback: registration answers and "EXEC" orders.
+void on_message(std::weak_ptr<void> hdl, std::string message);
+// The pools' after-exec callback: sends the "EXEC-RESPONSE" of a finished service.
+void callbackService(std::shared_ptr<service> svc);

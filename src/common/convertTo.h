@@ -1,0 +1,25 @@
+// Number/text conversions and trimming shared by the code base. Text to number reads one number
+// from the start by stream extraction: leading white space skipped, trailing text ignored, 0 for a
+// non-number, the type's limit when out of range; nothing throws.
+#pragma once
+
+#include <string>
+
+int stringToInt(std::string text);
+unsigned int stringToUnsignedInt(std::string text);
+long stringToLong(std::string text);
+long stringToLongInt(std::string text);
+long long stringToLongLongInt(std::string text);
+double stringToDouble(std::string text);
+
+std::string intToString(int value);
+std::string longToString(long value);
+std::string longIntToString(long value);
+std::string unsignedLongIntToString(unsigned long value);
+std::string unsignedLongLongIntToString(unsigned long long value);
+std::string doubleToString(double value);  // 6 significant digits: 1234567.0 -> "1.23457e+06"
+
+// White space: blank, \n, \r, \t, \f, \v.
+std::string ltrim(const std::string& text);
+std::string rtrim(const std::string& text);
+std::string trim(const std::string& text);

@@ -1,0 +1,58 @@
+// The agent's one secure WebSocket client link, with its own network thread. It offers the "qavel"
+// subprotocol, does not verify the server's certificate (TLS 1.1 and later only), hands every
+// inbound frame to one callback on the network thread and raises WSSEndpointException on failure.
+// send/ping/close may be called from any thread; WebSocket++ serialises writes per connection.
+#pragma once
+
+#include <websocketpp/client.hpp>
+#include <websocketpp/config/asio_client.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "../common/logFile.h"
+#include "../common/messageException.h"
+
+class WSSEndpointException : public MessageException {
+ public:
+  using MessageException::MessageException;
+};
+
+class WSSEndpoint {
+ public:
+  using client = websocketpp::client<websocketpp::config::asio_tls_client>;
+  using MessageCallback = void (*)(std::weak_ptr<void>, std::string);
+
+  WSSEndpoint();
+  explicit WSSEndpoint(logFile* log);
+  // Stops the loop, closes the link with 1001 and joins the network thread; never throws.
+  virtual ~WSSEndpoint();
+  WSSEndpoint(const WSSEndpoint&) = delete;
+  WSSEndpoint& operator=(const WSSEndpoint&) = delete;
+
+  int connect(const std::string& uri);
+  void setCallbackFctOnMessage(MessageCallback callback);
+  // Virtual so that a test can record what the agent sends instead of sending it.
+  virtual void send(std::string text);
+  void ping();
+  virtual void close(std::uint16_t code, std::string reason);
+  void registerQAVEL(std::string sn, std::string ip, std::string mac);
+
+  std::shared_ptr<boost::asio::ssl::context> enableSSLMode(websocketpp::connection_hdl hdl);
+  void on_message(websocketpp::connection_hdl hdl, client::message_ptr msg);
+  void Trace(int level, std::string text);
+
+ private:
+  void setUp();
+
+  client endpoint_;
+  std::mutex mutex_;
+  std::shared_ptr<std::thread> thread_;
+  websocketpp::connection_hdl hdl_;
+  MessageCallback callback_ = nullptr;
+  logFile* log_ = nullptr;
+  std::int32_t status_ = 254;
+};

@@ -1,0 +1,51 @@
+// The agent protocol's JSON documents: parses one inbound document ("REGISTER-RESPONSE", "EXEC")
+// and builds the outbound ones. JsonCpp conversions of members of the wrong type throw
+// Json::LogicError; callers catch it. One object per message, never shared.
+#pragma once
+
+#include <json/json.h>
+
+#include <memory>
+#include <string>
+
+#include "task.h"
+
+namespace websocketpp {
+template <typename config>
+class client;
+namespace config {
+struct asio_tls_client;
+}
+}  // namespace websocketpp
+
+class QAVEL {
+ public:
+  using tlsClient = websocketpp::client<websocketpp::config::asio_tls_client>;
+
+  QAVEL();
+
+  void DebugMode(bool on);
+  // "[QAVEL]<message>" on standard output when debug mode is on.
+  void Trace(std::string message);
+
+  // Parses into the root; a malformed text leaves a null or partial root and is not reported.
+  void parseMessage(std::string message);
+  void parseMessage(const char* message);
+
+  std::string getQAVELCommand();                   // "COMMAND", "" when absent
+  std::string getQAVELParameter(const char* key);  // a top-level member as text, "" when absent
+  Json::Value getTaskJSONRequest();                // copy of "TASK"
+  // A new Task (owned by the caller) from an "EXEC-RESPONSE" task object.
+  Task* getTask();
+
+  // Send a "REGISTER-RESPONSE" / "EXEC" document on `hdl`; a send error is thrown as
+  // websocketpp::exception.
+  void sendRegister(tlsClient& endpoint, std::weak_ptr<void> hdl, int status);
+  void sendTask(tlsClient& endpoint, std::weak_ptr<void> hdl, Task& task);
+  // The serialised "EXEC-RESPONSE" of a task.
+  std::string buildJsonTaskState(Task& task);
+
+ private:
+  Json::Value root_;
+  bool debug_ = false;
+};

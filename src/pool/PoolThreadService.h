@@ -1,0 +1,70 @@
+// Runs services on worker threads: each worker takes a service from the pool's queue, asks the
+// optional before-exec callback, runs service::execute() with up to three attempts one second
+// apart, and hands the result to the optional after-exec callback. In automatic mode the pool adds
+// a worker whenever more than four services per worker are waiting; it never shrinks.
+// executeService() must be called from one thread only, and not while run() is starting workers.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../common/logFile.h"
+#include "../common/messageException.h"
+#include "../service/service.h"
+#include "ExecuteQueue.h"
+
+// Thrown by the agent when a pool does not come up; the pool itself throws nothing.
+class PoolThreadServiceException : public MessageException {
+ public:
+  using MessageException::MessageException;
+};
+
+class PoolThreadService {
+ public:
+  using AfterExec = void (*)(std::shared_ptr<service>);
+  using BeforeExec = int (*)(std::shared_ptr<service>);
+
+  PoolThreadService();
+  PoolThreadService(int size, logFile* log);
+  PoolThreadService(int size, logFile* log, AfterExec after);
+  PoolThreadService(int size, AfterExec after);
+  // Stops the pool and joins every worker still joinable before the queue goes away, so a
+  // destroyed pool leaves no thread behind that could touch freed memory.
+  virtual ~PoolThreadService();
+  PoolThreadService(const PoolThreadService&) = delete;
+  PoolThreadService& operator=(const PoolThreadService&) = delete;
+
+  void setThreadMode(short mode);  // 1 automatic growth, anything else fixed size
+  void setCallbackFctBeforeExec(BeforeExec before);
+  void setCallbackFctAfterExec(AfterExec after);
+
+  void run();
+  // Virtual so that a test can record what would be queued instead of running it.
+  virtual void executeService(std::shared_ptr<service> s);
+  void stop();
+  void join();  // waits for worker 0 only
+
+  bool isRunning() const;
+  int getSizeofExecuteQueue();
+  int getSizePool() const;
+  int getUsedPool() const;
+
+  void trace(int level, std::string message);
+  void executeFct(int number);
+
+ private:
+  void startWorker(int number);
+
+  std::atomic<short> threadMode_{0};
+  std::atomic<int> poolSize_;
+  std::atomic<int> used_{0};
+  std::atomic<bool> stop_{true};
+  logFile* log_ = nullptr;
+  AfterExec afterExec_ = nullptr;
+  BeforeExec beforeExec_ = nullptr;
+  std::vector<std::thread> workers_;
+  ExecuteQueue<std::shared_ptr<service>>* queue_;
+};

@@ -1,0 +1,109 @@
+// One monitored service: the plugin to run with its arguments and, after execute(), its captured
+// output and return code. Filled by one thread, handed over through the execute queue and then
+// used by the one worker that runs it, so it needs no lock. Held through std::shared_ptr.
+#pragma once
+
+#include <sys/time.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "../common/messageException.h"
+
+// Failure of a plugin or alerting-program run; the message names the service.
+class serviceException : public MessageException {
+ public:
+  using MessageException::MessageException;
+};
+
+class service {
+ public:
+  service();
+  // Copies every field through its getter; the execution times pass through int on purpose.
+  service(const service& other);
+  service& operator=(const service&) = delete;
+  virtual ~service();
+
+  void SetService_id(unsigned long long id);
+  void Setname(std::string name);
+  void Setpath(std::string path);
+  // Stores the raw text and splits it on blanks, with ' and " as quotes and no escape character;
+  // empty tokens are dropped.
+  void Setparameter(std::string parameter);
+  // Same splitting; appends to the alerting list and keeps no raw text.
+  void SetAlertingParameter(std::string parameter);
+  // Stores the interval and derives the cost 300000 / interval (0 for an interval of 0).
+  void Setinterval_exec_time(int interval);
+  void SetReturnCode(int code);
+
+  std::int64_t GetDevice_id() const;
+  std::int32_t GetPlugin_id() const;
+  unsigned long long GetService_id() const;
+  std::string GetService_idStr() const;
+  int GetReturnCode() const;
+  int getLastValidateReturnCode() const;
+  std::string Getname() const;
+  std::string Getparameter() const;
+  std::string GetOID() const;
+  std::vector<std::string> getVectorParam() const;
+  std::vector<std::string> getVectorAlertingParam() const;
+  std::string Getpath() const;
+  std::string GetAlertingSoftware() const;
+  bool GetAlertingOK() const;
+  bool GetAlertingUnknown() const;
+  bool GetAlertingWarning() const;
+  bool GetAlertingCritical() const;
+  int GetExecTimeSec() const;
+  int GetExecTimeuSec() const;
+  int Getlast_exec_time() const;
+  int Getinterval_exec_time() const;
+  std::string GetStdout() const;
+  int GetMaintenanceMode() const;
+  timeval GetMaintenanceStart() const;
+  timeval GetMaintenanceEnd() const;
+  int GetMaintenancePlannedID() const;
+  float GetCost() const;
+
+  // Runs the plugin once (fork/execve, empty environment, output on a pipe) and returns the code
+  // 0..5; throws serviceException with the service named in the message on failure.
+  int execute();
+  // Runs the alerting program with "$ERROR" items replaced by `error`; 0 once it was waited for.
+  int executeAlertingSoftware(std::string error);
+
+  // Ordered by execution time, seconds then microseconds.
+  bool operator<(const service& other) const;
+  bool operator>(const service& other) const;
+
+ private:
+  // "<name>\npath:<path> <parameter>", the part every error text carries.
+  std::string description() const;
+
+  std::int64_t device_id_ = 0;
+  std::int32_t plugin_id_ = 0;
+  unsigned long long service_id_ = 0;
+  std::string service_idStr_;
+  std::int32_t returnCode_ = 0;
+  std::int32_t lastValidateReturnCode_ = 0;
+  std::string name_;
+  std::string parameter_;
+  std::string OID_;
+  std::vector<std::string> vectorParam_;
+  std::vector<std::string> vectorAlertingParam_;
+  std::string path_;
+  std::string alertingSoftware_;
+  bool alertingOK_ = false;
+  bool alertingUnknown_ = false;
+  bool alertingWarning_ = false;
+  bool alertingCritical_ = false;
+  std::int64_t execTimeSec_ = 0;
+  std::int64_t execTimeuSec_ = 0;
+  std::int32_t last_exec_time_ = 0;
+  std::int32_t interval_exec_time_ = 0;
+  std::string stdout_;
+  std::int32_t maintenanceMode_ = 0;
+  timeval maintenanceStart_{};
+  timeval maintenanceEnd_{};
+  std::int32_t maintenancePlannedID_ = 0;
+  float cost_ = 1.0f;
+};
