@@ -1,1 +1,470 @@
-// placeholder
+#include "qavel-client.h"
+
+#include <errno.h>
+#include <getopt.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "../common/iniConfig.h"
+#include "../link/qavel.h"
+#include "../link/task.h"
+#include "statusFile.h"
+#include "stopSignal.h"
+
+std::string pathToConfigFile = "/etc/nivo/qavel.conf";
+std::string pathSN = "/etc/nivo/sn";
+std::string pathLastExecFile = "/tmp/nivo/lastexec";
+std::string NIVO_SN;
+std::string cafile;
+std::string keyfile;
+std::map<std::string, std::string> pluginPathExec;
+int debug = 0;
+std::atomic<int> die_orva{0};
+logFile* fileLog = nullptr;
+WSSEndpoint* endpoint = nullptr;
+PoolThreadService* monitorPool = nullptr;
+PoolThreadService* webPool = nullptr;
+std::mutex mutex_lastexec;
+std::mutex mutex_response;
+std::condition_variable cond_var;
+int receiveResponse = 0;
+
+namespace {
+
+constexpr auto kRegisterPause = std::chrono::milliseconds(600);
+constexpr auto kPingInterval = std::chrono::seconds(40);
+const char* const kServerUrlFile = "/tmp/nivo/server_url";
+const char* const kStopText = "stop qavel client... SIGTERM: ";
+
+// Left by start-up once a stop request has been served, to end the agent like a normal stop.
+struct AgentStopped {};
+
+// The pools are created by the main thread after the link is open, while the network thread may
+// already deliver an order and a worker or the network thread may run the stop routine. Their
+// pointers are published under this lock so that those threads see them whole, and an order that
+// arrives before the pools exist waits for them instead of being lost.
+std::mutex poolsLock;
+std::condition_variable poolsPublished;
+
+// Order of priority up to this value go to the web pool, the others to the monitor pool.
+constexpr int kWebPriorityMax = 4;
+
+void logLine(char level, const std::string& message) {
+  if (fileLog != nullptr) fileLog->write(level, message);
+}
+
+// The end of every path out of the agent. The process ends with _exit, after the log (which
+// flushes every line) and the standard streams are flushed: a web-pool worker may still be running
+// a plugin, and running the static destructors under it, or freeing the log it writes to, would
+// crash the process on its way out. The operating system reclaims the rest.
+[[noreturn]] void endAgent(int status) {
+  std::cout.flush();
+  std::fflush(nullptr);
+  _exit(status);
+}
+
+}  // namespace
+
+void (*agentExit)(int status) = endAgent;
+
+namespace {
+
+// A failure caught at the end of main. Before the log exists the line goes to standard error,
+// which is still the terminal or the service manager's journal at that point, so an early failure
+// (a missing configuration file, an unwritable log) is never silent.
+void reportFailure(const char* prefix, const std::exception& failure) {
+  const std::string line = std::string(prefix) + failure.what();
+  if (fileLog != nullptr) {
+    fileLog->write(4, line);
+  } else {
+    std::cerr << line << std::endl;
+  }
+}
+
+// Serves a stop request recorded by the signal handler, in normal context.
+void serveStopRequest() {
+  if (const int signo = stopSignal::takePending()) HandlerQuit(signo);
+}
+
+// Start-up checkpoint: a stop requested while starting ends the agent here, before anything that
+// the stop routine could no longer reach (pools started after it ran) comes into being.
+void leaveIfStopped() {
+  serveStopRequest();
+  if (die_orva != 0) throw AgentStopped{};
+}
+
+void pause(std::chrono::milliseconds duration) {
+  stopSignal::sleepFor(duration);
+  leaveIfStopped();
+}
+
+void publishPools(PoolThreadService* monitor, PoolThreadService* web) {
+  {
+    std::lock_guard<std::mutex> guard(poolsLock);
+    monitorPool = monitor;
+    webPool = web;
+  }
+  poolsPublished.notify_all();
+}
+
+// The pool for an order's priority; waits while start-up has not created the pools yet. Null when
+// the agent stops meanwhile.
+PoolThreadService* poolFor(int priority) {
+  std::unique_lock<std::mutex> guard(poolsLock);
+  poolsPublished.wait(guard, [] {
+    return (monitorPool != nullptr && webPool != nullptr) || die_orva != 0;
+  });
+  return priority <= kWebPriorityMax ? webPool : monitorPool;
+}
+
+void parseCommandLine(int argc, char** argv) {
+  if (argc <= 1) return;
+  int option;
+  while ((option = getopt(argc, argv, "f:D")) != -1) {
+    switch (option) {
+      case 'f':
+        pathToConfigFile = optarg;
+        break;
+      case 'D':
+        debug = 1;
+        break;
+      default:
+        break;  // other options are ignored
+    }
+  }
+}
+
+std::vector<std::string> readPluginList(const std::string& path) {
+  std::ifstream file(path);
+  if (!file.is_open()) throw FileException("can't open file" + path);
+  std::vector<std::string> list;
+  std::string line;
+  while (std::getline(file, line)) list.push_back(line);
+  return list;
+}
+
+void buildPluginCatalogue(const std::string& directory, const std::vector<std::string>& list) {
+  std::error_code ignored;
+  if (!std::filesystem::exists(directory, ignored))
+    logLine(4, "NIVO plugin directory does not exist");
+  // A missing directory throws here on purpose: the agent does not start with an empty catalogue.
+  for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+    const std::string path = entry.path().string();
+    if (!std::filesystem::is_regular_file(entry.path(), ignored)) continue;
+    if (access(path.c_str(), X_OK) != 0) continue;
+    const std::string name = entry.path().filename().string();
+    bool listed = false;
+    for (const std::string& wanted : list) listed = listed || wanted == name;
+    if (listed) {
+      logLine(0, "PLUGIN SELECTED: " + name);
+      pluginPathExec[name] = directory + "/" + name;
+    } else {
+      logLine(0, "PLUGIN REJECT: " + name);
+    }
+  }
+}
+
+std::string serverUrl(iniConfig& config) {
+  const std::string configured = config.getKey("NIVO", "server_url");
+  if (!configured.empty()) return configured;
+  logLine(1, std::string("Get file url serveur on ") + kServerUrlFile);
+  std::ifstream file(kServerUrlFile);
+  if (!file.is_open()) throw new FileException(std::string(kServerUrlFile) + " File not found");
+  std::string line;
+  std::getline(file, line);
+  return "wss://" + line;
+}
+
+struct Identity {
+  std::string interfaceName;
+  std::string mac;
+  std::string ip;
+};
+
+// Runs `ip -j a` and takes the first interface other than the loopback that has an address.
+Identity findIdentity(const std::string& ipCommand) {
+  service runner;
+  runner.Setname("ip command");
+  runner.Setpath(ipCommand);
+  runner.Setparameter("-j a");
+  runner.execute();
+  const std::string output = runner.GetStdout();
+
+  Json::Value interfaces;
+  Json::Reader reader;
+  reader.parse(output, interfaces, true);  // not JSON: no interface, empty identity
+
+  Identity identity;
+  for (Json::ArrayIndex i = 0; i < interfaces.size(); ++i) {
+    identity.interfaceName = interfaces[i].get("ifname", "").asString();
+    if (identity.interfaceName == "lo") continue;
+    identity.mac = interfaces[i].get("address", "").asString();
+    identity.ip = interfaces[i]["addr_info"][0].get("local", "").asString();
+    logLine(1, "Local interface: " + identity.interfaceName + " " + identity.mac + " " +
+                   identity.ip);
+    if (!identity.ip.empty()) break;
+  }
+  return identity;
+}
+
+void startPools(int monitorSize) {
+  auto* monitor = new PoolThreadService(monitorSize, fileLog, callbackService);
+  auto* web = new PoolThreadService(1, fileLog, callbackService);
+  monitor->setThreadMode(1);
+  web->setThreadMode(1);
+  monitor->run();
+  web->run();
+  publishPools(monitor, web);
+  if (!monitor->isRunning()) throw PoolThreadServiceException("monitor pool could not start");
+  if (!web->isRunning()) throw PoolThreadServiceException("Web pool could not start");
+}
+
+void runAgent() {
+  iniConfig config(pathToConfigFile);
+  statusFile status(config.getKey("LOG", "info"));
+
+  const std::string logPath = config.getKey("LOG", "log_file");
+  if (debug != 0) {
+    fileLog = new logFile(static_cast<char>(0), logPath);
+    fileLog->write(0, "Debug mode enabled");
+  } else {
+    fileLog = new logFile(static_cast<char>(2), logPath);
+  }
+  fileLog->write(2, "NIVO start.... ");
+
+  fileLog->write(0, "LOAD CA certificate");
+  cafile = config.getKey("SSL", "cafile");
+  fileLog->write(0, "File CA certificate: " + cafile);
+  keyfile = config.getKey("SSL", "local_cert");
+  fileLog->write(0, "File Key: " + keyfile);
+
+  {
+    std::ifstream serialFile(pathSN);
+    if (serialFile.fail()) throw FileException("SN File not found");
+    std::getline(serialFile, NIVO_SN);
+    fileLog->write(2, "NIVO SN: " + NIVO_SN);
+  }
+
+  if (dup2(1, 2) == -1) {
+    const std::string text =
+        std::string("erreur de redirection de flux stderr (dup2): ") + std::strerror(errno);
+    std::cout << text << std::endl;
+    std::perror(text.c_str());
+    endAgent(2);
+  }
+  fileLog->write(0, "NIVO configuration open succesful");
+
+  const std::vector<std::string> pluginList = readPluginList(config.getKey("NIVO", "plugin_list"));
+  pathLastExecFile = config.getKey("LOG", "lastExec");
+  buildPluginCatalogue(config.getKey("NIVO", "plugin_dir"), pluginList);
+
+  status.write("CONNECTING", "NONE");
+  fileLog->write(0, "Signal arming...");
+  stopSignal::arm(SIGTERM);
+
+  const std::string url = serverUrl(config);
+  fileLog->write(0, "Server connection " + url + ".....");
+  const Identity identity = findIdentity(config.getKey("NIVO", "ip_command"));
+  fileLog->write(1, "Local information: " + identity.interfaceName + " " + identity.ip + ".....");
+  fileLog->write(1, "Connect to server information: " + url);
+  leaveIfStopped();
+
+  status.write("REGISTERING", "NONE");
+  endpoint = new WSSEndpoint(fileLog);
+  endpoint->connect(url);
+  endpoint->setCallbackFctOnMessage(on_message);
+  pause(kRegisterPause);
+
+  endpoint->registerQAVEL(NIVO_SN, identity.ip, identity.mac);
+  fileLog->write(1, "REGISTER SUCCESS");
+  status.finish("RUNNING", "OK");
+  pause(kRegisterPause);
+
+  fileLog->write(1, "CREATE EXEC POOL");
+  // std::stoi throws on an empty or non-numeric value: the agent cannot size its pool and ends.
+  startPools(std::stoi(config.getKey("NIVO", "thread")));
+  fileLog->write(1, "Pool exec is running");
+  writeLastExecTime();
+
+  while (die_orva == 0) {
+    stopSignal::sleepFor(kPingInterval);
+    serveStopRequest();
+    endpoint->ping();
+  }
+
+  monitorPool->join();
+  // The monitor pool is joined but not deleted, and the web pool is left running: the network
+  // thread may still hand either of them an order until the link has closed, and the process ends
+  // right after this.
+}
+
+}  // namespace
+
+int qavelClientMain(int argc, char** argv) {
+  parseCommandLine(argc, argv);
+  die_orva = 0;
+  try {
+    runAgent();
+  } catch (const FileException& e) {
+    reportFailure("NIVO  File exception ", e);
+  } catch (const PoolThreadServiceException& e) {
+    reportFailure("NIVO  Pool exception ", e);
+  } catch (const WSSEndpointException& e) {
+    reportFailure("NIVO  QAVEL Link exception ", e);
+  } catch (const AgentStopped&) {
+    // stopped during start-up; the stop routine has logged it
+  }
+  endAgent(0);
+}
+
+void HandlerQuit(int signal) {
+  die_orva = 1;
+  logLine(2, kStopText + std::to_string(signal));
+  PoolThreadService* monitor;
+  PoolThreadService* web;
+  {
+    std::lock_guard<std::mutex> guard(poolsLock);
+    monitor = monitorPool;
+    web = webPool;
+  }
+  poolsPublished.notify_all();  // an order waiting for the pools gives up
+  // Any of these may not exist yet when the stop comes during start-up.
+  if (endpoint != nullptr) {
+    try {
+      endpoint->close(1000, kStopText);
+    } catch (const WSSEndpointException&) {
+      // The link is already gone (the endpoint has logged why); the pools must still stop, and a
+      // worker that lands here must not die of it.
+    }
+  }
+  if (monitor != nullptr) monitor->stop();
+  if (web != nullptr) web->stop();
+  stopSignal::wake();
+}
+
+void writeLastExecTime() {
+  const std::time_t now = std::time(nullptr);
+  std::lock_guard<std::mutex> guard(mutex_lastexec);
+  std::ofstream file(pathLastExecFile, std::ios::out | std::ios::trunc);
+  if (file.is_open()) {
+    file << now << '\n';
+    return;
+  }
+  throw new FileException("Error opening file: " + pathLastExecFile);
+}
+
+namespace {
+
+void answerOrder(QAVEL& qavel, Task& task) {
+  const std::string text = qavel.buildJsonTaskState(task);
+  logLine(0, text);
+  endpoint->send(text);
+}
+
+void dispatchOrder(QAVEL& qavel, int& identifier) {
+  const Json::Value order = qavel.getTaskJSONRequest();
+  identifier = order["TASKID"].asInt();
+  const std::string name = order["NAME"].asString();
+  const std::string parameter = order["PARAMETER"].asString();
+  const int priority = order["PRIORITY"].asInt();
+  logLine(0, "EXEC plugin " + name + " " + parameter);
+
+  const auto plugin = pluginPathExec.find(name);
+  auto svc = std::make_shared<service>();
+  svc->SetService_id(static_cast<unsigned long long>(static_cast<long long>(identifier)));
+  svc->Setname(name);
+  if (plugin == pluginPathExec.end()) {
+    logLine(2, "EXEC plugin: error plugin not defined");
+    Task task(identifier);
+    task.setExecutionStatus(2);
+    task.setReturn(-1);
+    task.setOutput("EXEC plugin: error plugin not defined " + name);
+    answerOrder(qavel, task);
+    return;
+  }
+  svc->Setpath(plugin->second);
+  svc->Setparameter(parameter);
+  logLine(0, "SEND EXEC to pool: " + name);
+  if (PoolThreadService* pool = poolFor(priority)) pool->executeService(svc);
+}
+
+}  // namespace
+
+void on_message(std::weak_ptr<void> /*hdl*/, std::string message) {
+  try {
+    logLine(0, "Receive message " + message);
+    QAVEL qavel;
+    qavel.parseMessage(message);
+    const std::string command = qavel.getQAVELCommand();
+    logLine(0, "COMMAND " + command);
+    if (command == "REGISTER-RESPONSE") {
+      if (qavel.getQAVELParameter("STATUS") != "0") {
+        logLine(2, "BAD register status receive by server (quit): ");
+        agentExit(0);
+      }
+    } else if (command == "EXEC") {
+      int identifier = 0;
+      try {
+        dispatchOrder(qavel, identifier);
+      } catch (const Json::LogicError& e) {
+        const std::string text = std::string("NIVO  JSON exception ") + e.what();
+        logLine(4, text);
+        Task task(identifier);
+        task.setExecutionStatus(255);
+        task.setReturn(-2);
+        task.setOutput(text);
+        answerOrder(qavel, task);
+      }
+    }
+  } catch (const Json::Exception& e) {
+    logLine(4, std::string("NIVO  JSON exception ") + e.what());
+  } catch (const WSSEndpointException& e) {
+    logLine(4, std::string("NIVO  QAVEL Link exception ") + e.what());
+    HandlerQuit(1);
+  }
+}
+
+void callbackService(std::shared_ptr<service> svc) {
+  try {
+    QAVEL qavel;
+    const std::string name = svc->Getname();
+    const std::string output = svc->GetStdout();
+    logLine(0, "Service END " + name + " OUTPUT " + output);
+    Task task(static_cast<int>(svc->GetService_id()));
+    const int rc = svc->GetReturnCode();
+    if (rc == 255) {
+      task.setExecutionStatus(255);
+    } else if (rc > 4 || rc < 0) {
+      task.setExecutionStatus(4);
+    } else {
+      task.setExecutionStatus(0);
+    }
+    task.setReturn(rc);
+    task.setOutput(output);
+    logLine(0, name + " send status service");
+    const std::string text = qavel.buildJsonTaskState(task);
+    logLine(0, text);
+    endpoint->send(text);
+    writeLastExecTime();
+  } catch (const Json::LogicError& e) {
+    logLine(4, std::string("NIVO  JSON exception ") + e.what());
+    HandlerQuit(1);
+  } catch (const WSSEndpointException& e) {
+    logLine(4, std::string("NIVO  QAVEL Link exception ") + e.what());
+    HandlerQuit(1);
+  } catch (const FileException& e) {
+    logLine(4, std::string("NIVO FILE exception ") + e.what());
+    HandlerQuit(1);
+  }
+}

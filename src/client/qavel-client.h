@@ -34,6 +34,10 @@ extern std::mutex mutex_response;
 extern std::condition_variable cond_var;
 extern int receiveResponse;
 
+// Ends the process at once (a refused registration). Tests put a recorder here to observe the end
+// without ending the test process.
+extern void (*agentExit)(int status);
+
 // The agent's whole life; returns only through the process exit.
 int qavelClientMain(int argc, char** argv);
 

@@ -1,1 +1,53 @@
-// placeholder
+#include "convertTo.h"
+
+#include <sstream>
+
+namespace {
+
+// Formatted extraction already gives the wanted contract under libstdc++: leading white space is
+// skipped, reading stops at the first character that cannot continue the number, a non-number
+// leaves 0 and an out-of-range number leaves the type's limit (both with failbit, which we drop).
+template <typename Number>
+Number readNumber(const std::string& text) {
+  std::istringstream in(text);
+  Number value{};
+  in >> value;
+  return value;
+}
+
+template <typename Number>
+std::string writeNumber(Number value) {
+  std::ostringstream out;
+  out << value;
+  return out.str();
+}
+
+const char* const kWhiteSpace = " \n\r\t\f\v";
+
+}  // namespace
+
+int stringToInt(std::string text) { return readNumber<int>(text); }
+unsigned int stringToUnsignedInt(std::string text) { return readNumber<unsigned int>(text); }
+long stringToLong(std::string text) { return readNumber<long>(text); }
+long stringToLongInt(std::string text) { return readNumber<long>(text); }
+long long stringToLongLongInt(std::string text) { return readNumber<long long>(text); }
+double stringToDouble(std::string text) { return readNumber<double>(text); }
+
+std::string intToString(int value) { return writeNumber(value); }
+std::string longToString(long value) { return writeNumber(value); }
+std::string longIntToString(long value) { return writeNumber(value); }
+std::string unsignedLongIntToString(unsigned long value) { return writeNumber(value); }
+std::string unsignedLongLongIntToString(unsigned long long value) { return writeNumber(value); }
+std::string doubleToString(double value) { return writeNumber(value); }
+
+std::string ltrim(const std::string& text) {
+  const std::size_t first = text.find_first_not_of(kWhiteSpace);
+  return first == std::string::npos ? std::string() : text.substr(first);
+}
+
+std::string rtrim(const std::string& text) {
+  const std::size_t last = text.find_last_not_of(kWhiteSpace);
+  return last == std::string::npos ? std::string() : text.substr(0, last + 1);
+}
+
+std::string trim(const std::string& text) { return rtrim(ltrim(text)); }

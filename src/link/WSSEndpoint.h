@@ -1,7 +1,7 @@
 // The agent's one secure WebSocket client link, with its own network thread. It offers the "qavel"
 // subprotocol, does not verify the server's certificate (TLS 1.1 and later only), hands every
 // inbound frame to one callback on the network thread and raises WSSEndpointException on failure.
-// send/ping/close may be called from any thread; WebSocket++ serialises writes per connection.
+// send/ping/close may be called from any thread: each runs on the network thread and waits.
 #pragma once
 
 #include <websocketpp/client.hpp>
@@ -47,6 +47,9 @@ class WSSEndpoint {
 
  private:
   void setUp();
+  // Runs the operation on the network thread and returns its result or rethrows its exception.
+  template <typename Operation>
+  auto onNetworkThread(Operation operation) -> decltype(operation());
 
   client endpoint_;
   std::mutex mutex_;

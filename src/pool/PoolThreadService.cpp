@@ -1,1 +1,171 @@
-// placeholder
+#include "PoolThreadService.h"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <chrono>
+
+namespace {
+constexpr int kAttempts = 3;
+constexpr auto kRetryPause = std::chrono::milliseconds(1000);
+// Services waiting per worker above which an automatic pool adds a worker.
+constexpr int kBacklogPerWorker = 4;
+}  // namespace
+
+PoolThreadService::PoolThreadService()
+    : poolSize_(10), queue_(new ExecuteQueue<std::shared_ptr<service>>()) {}
+
+PoolThreadService::PoolThreadService(int size, logFile* log)
+    : poolSize_(size), log_(log), queue_(new ExecuteQueue<std::shared_ptr<service>>()) {}
+
+PoolThreadService::PoolThreadService(int size, logFile* log, AfterExec after)
+    : poolSize_(size),
+      log_(log),
+      afterExec_(after),
+      queue_(new ExecuteQueue<std::shared_ptr<service>>()) {}
+
+PoolThreadService::PoolThreadService(int size, AfterExec after)
+    : poolSize_(size), afterExec_(after), queue_(new ExecuteQueue<std::shared_ptr<service>>()) {}
+
+PoolThreadService::~PoolThreadService() {
+  // Destroying a joinable std::thread ends the process, and a detached worker would go on using
+  // the queue deleted below. So the workers are stopped and joined here; a worker busy with a
+  // plugin is waited for. Nothing is traced: the log may already be gone.
+  stop_ = true;
+  queue_->clear();
+  queue_->broadcast();
+  std::deque<std::thread> workers;
+  {
+    std::lock_guard<std::mutex> guard(workersLock_);
+    workers.swap(workers_);
+  }
+  for (std::thread& worker : workers) {
+    if (!worker.joinable()) continue;
+    if (worker.get_id() == std::this_thread::get_id()) {
+      worker.detach();  // destroyed from one of its own callbacks: it cannot join itself
+    } else {
+      worker.join();
+    }
+  }
+  delete queue_;
+}
+
+void PoolThreadService::setThreadMode(short mode) {
+  if (mode == 1) {
+    trace(0, "Auto size mode");
+    threadMode_ = 1;
+  } else {
+    trace(0, "fixed size mode");
+    threadMode_ = 0;
+  }
+}
+
+void PoolThreadService::setCallbackFctBeforeExec(BeforeExec before) { beforeExec_ = before; }
+
+void PoolThreadService::setCallbackFctAfterExec(AfterExec after) { afterExec_ = after; }
+
+void PoolThreadService::run() {
+  stop_ = false;
+  trace(0, threadMode_ != 1 ? "fixed size mode" : "Auto size mode");
+  const int size = poolSize_;
+  trace(0, "Pool Start, size: " + std::to_string(size));
+  for (int number = 0; number < size; ++number) startWorker(number);
+}
+
+void PoolThreadService::executeService(std::shared_ptr<service> s) {
+  queue_->push(s);
+  trace(0, "PUSH service" + s->Getname());
+  if (threadMode_ != 1) return;
+  if (queue_->size() > kBacklogPerWorker * poolSize_) {
+    trace(0, "Create New Thread, new size" + std::to_string(poolSize_.load()));
+    const int number = ++poolSize_;
+    startWorker(number);
+  }
+}
+
+void PoolThreadService::stop() {
+  trace(0, "Pool stop, size: " + std::to_string(poolSize_.load()));
+  stop_ = true;
+  queue_->clear();
+  queue_->broadcast();
+}
+
+void PoolThreadService::join() {
+  std::thread* first = nullptr;
+  {
+    std::lock_guard<std::mutex> guard(workersLock_);
+    if (workers_.empty()) return;
+    first = &workers_.front();
+    if (!first->joinable() || first->get_id() == std::this_thread::get_id()) return;
+  }
+  // Joined outside the lock: growth may append workers meanwhile, which leaves the front element
+  // where it is (see the container's comment in the header).
+  first->join();
+}
+
+bool PoolThreadService::isRunning() const { return !stop_; }
+
+int PoolThreadService::getSizeofExecuteQueue() { return queue_->size(); }
+
+int PoolThreadService::getSizePool() const { return poolSize_; }
+
+int PoolThreadService::getUsedPool() const { return used_; }
+
+void PoolThreadService::trace(int level, std::string message) {
+  if (log_ != nullptr) log_->write(static_cast<char>(level), "POOL EXEC: " + message);
+}
+
+void PoolThreadService::startWorker(int number) {
+  std::lock_guard<std::mutex> guard(workersLock_);
+  workers_.emplace_back(&PoolThreadService::executeFct, this, number);
+}
+
+void PoolThreadService::executeFct(int /*number*/) {
+  sigset_t none;
+  sigemptyset(&none);
+  pthread_sigmask(SIG_SETMASK, &none, nullptr);
+
+  while (!stop_) {
+    try {
+      queue_->waitNotEmptyOrDie(&stop_);
+      if (stop_) continue;
+      ++used_;
+      std::shared_ptr<service> s = queue_->pop();
+      const std::string name = s->Getname();
+      trace(0, "service exec " + name);
+
+      int decision = 1;
+      if (beforeExec_ != nullptr) {
+        trace(0, "service before exec " + name);
+        decision = beforeExec_(s);
+      }
+      if (decision == 1) {
+        int attempts = 0;
+        int result = 0;
+        while (attempts < kAttempts) {
+          try {
+            result = s->execute();
+            trace(0, "service exec SUCCESS " + name);
+            attempts = 10;
+          } catch (const serviceException& e) {
+            ++attempts;
+            trace(4, "Execute failed retry" + name + " " + std::to_string(s->GetService_id()) +
+                         " " + e.what());
+            std::this_thread::sleep_for(kRetryPause);
+            result = -2;
+          }
+        }
+        if (attempts > kAttempts && result == -2) s->SetReturnCode(255);
+        if (afterExec_ != nullptr) {
+          trace(0, "service after exec " + name);
+          afterExec_(s);
+        }
+      }
+      --used_;
+    } catch (const EmptyQueueException&) {
+      // Another worker took the service first; wait again.
+    } catch (const serviceException& e) {
+      trace(5, e.what());
+    }
+  }
+}

@@ -6,10 +6,11 @@
 #pragma once
 
 #include <atomic>
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "../common/logFile.h"
 #include "../common/messageException.h"
@@ -65,6 +66,10 @@ class PoolThreadService {
   logFile* log_ = nullptr;
   AfterExec afterExec_ = nullptr;
   BeforeExec beforeExec_ = nullptr;
-  std::vector<std::thread> workers_;
+  // Every worker started, in start order. A deque, because growth appends from the dispatching
+  // thread while join() may be waiting on the first worker: appending to a deque never moves the
+  // elements already in it, where a vector would move the thread object being joined.
+  std::mutex workersLock_;
+  std::deque<std::thread> workers_;
   ExecuteQueue<std::shared_ptr<service>>* queue_;
 };

@@ -76,8 +76,13 @@ class service {
   bool operator>(const service& other) const;
 
  private:
+  // Lets the tests set the fields that the agent never sets (execution times, alerting program).
+  friend class ServiceTestPeer;
+
   // "<name>\npath:<path> <parameter>", the part every error text carries.
   std::string description() const;
+  // `prefix` + description() + strerror(error): the text of a failed system call.
+  std::string failureText(const char* prefix, int error) const;
 
   std::int64_t device_id_ = 0;
   std::int32_t plugin_id_ = 0;

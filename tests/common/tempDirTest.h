@@ -1,0 +1,54 @@
+// Fixture giving each test a fresh directory under $TMPDIR (or /tmp), removed with all it holds.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <system_error>
+
+class TempDirTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const char* base = std::getenv("TMPDIR");
+    std::string pattern =
+        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/nivo-test-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr) << pattern;
+    dir_ = pattern;
+  }
+  void TearDown() override {
+    std::error_code ignored;
+    if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
+  }
+
+  std::string path(const std::string& name) const { return dir_ + "/" + name; }
+
+  void writeFile(const std::string& name, const std::string& content) const {
+    std::ofstream(path(name), std::ios::binary | std::ios::trunc) << content;
+  }
+
+  std::string readFile(const std::string& name) const {
+    std::ifstream in(path(name), std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+  }
+
+  std::string dir_;
+};
+
+// what() of the exception of type E that call throws; fails the test when none is thrown.
+template <typename E, typename Call>
+std::string thrownText(Call call) {
+  try {
+    call();
+  } catch (const E& e) {
+    return e.what();
+  }
+  ADD_FAILURE() << "nothing thrown";
+  return "";
+}

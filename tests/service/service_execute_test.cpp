@@ -1,0 +1,235 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../common/tempDirTest.h"
+#include "service/service.h"
+#include "serviceTestPeer.h"
+
+namespace {
+
+std::string plugin(const std::string& name) { return NIVO_TEST_PLUGIN_DIR "/" + name; }
+
+// What one execute() left behind.
+struct Run {
+  int returned = -1;  // -1 when it threw
+  int code = -1;
+  std::string out;
+  std::string error;  // what() of the serviceException, if any
+};
+
+Run run(const std::string& path, const std::string& parameter) {
+  service s;
+  s.Setname("probe");
+  s.Setpath(path);
+  s.Setparameter(parameter);
+  Run r;
+  try {
+    r.returned = s.execute();
+  } catch (const serviceException& e) {
+    r.error = e.what();
+  }
+  r.code = s.GetReturnCode();
+  r.out = s.GetStdout();
+  return r;
+}
+
+std::string description(const std::string& path, const std::string& parameter) {
+  return "probe\npath:" + path + " " + parameter;
+}
+
+int openDescriptorCount() {
+  DIR* dir = opendir("/proc/self/fd");
+  int count = 0;
+  while (readdir(dir) != nullptr) ++count;
+  closedir(dir);
+  return count;
+}
+
+bool noChildLeft() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
+
+const char kNothing[] = "DAEMON: the plugin does not return anything on the stdout";
+
+}  // namespace
+
+TEST(ServiceExecute, KeepsOutputAndCodesZeroToFive) {
+  for (int code = 0; code <= 5; ++code) {
+    const Run r = run(plugin("plugin_exit.sh"), "'OK - load 0.1' " + std::to_string(code));
+    EXPECT_EQ(r.returned, code);
+    EXPECT_EQ(r.code, code);
+    EXPECT_EQ(r.out, "OK - load 0.1\n");
+  }
+}
+
+TEST(ServiceExecute, ExitCodeOutsideZeroToFiveBecomesUnknown) {
+  for (const char* code : {"255", "7"}) {
+    const Run r = run(plugin("plugin_exit.sh"), std::string("down ") + code);
+    EXPECT_EQ(r.returned, 3) << code;
+    EXPECT_EQ(r.out, "down\n");
+  }
+  const Run unreachable = run(plugin("plugin_silent.sh"), "255");
+  EXPECT_EQ(unreachable.code, 3);
+  EXPECT_EQ(unreachable.out, "UNKNOWN: OrvaDaemon could not connect to host");
+  EXPECT_EQ(unreachable.error, kNothing);
+
+  const Run bad = run(plugin("plugin_silent.sh"), "7");
+  EXPECT_EQ(bad.code, 3);
+  EXPECT_EQ(bad.out, "Error execute: Bad return code\n" +
+                         description(plugin("plugin_silent.sh"), "7") + " ");
+  EXPECT_EQ(bad.error, kNothing);
+}
+
+TEST(ServiceExecute, TwoQuotesAloneCountAsNoOutput) {
+  const Run quotes = run(plugin("plugin_bytes.sh"), "\\047\\047");
+  EXPECT_EQ(quotes.code, 3);
+  EXPECT_EQ(quotes.error, kNothing);
+  const Run quotesBlank = run(plugin("plugin_bytes.sh"), "\\047\\047\\040");
+  EXPECT_EQ(quotesBlank.returned, 0);
+  EXPECT_EQ(quotesBlank.out, "'' ");
+}
+
+TEST(ServiceExecute, UnrunnablePathReportsCriticalWithTheSystemText) {
+  const Run missing = run("/nonexistent/plugin", "-w 1");
+  EXPECT_EQ(missing.returned, 2);
+  EXPECT_EQ(missing.out, "DAEMON: plugin is not executable No such file or directory\n");
+  EXPECT_EQ(run("/etc/passwd", "").out, "DAEMON: plugin is not executable Permission denied\n");
+}
+
+TEST(ServiceExecute, PluginEndedBySignalIsNotExecutable) {
+  const std::string path = plugin("plugin_kill.sh");
+  const Run r = run(path, "partial");
+  EXPECT_EQ(r.code, 3);
+  EXPECT_EQ(r.out, "Error: orva can't execute " + path);
+  EXPECT_EQ(r.error, "Error: orva can't execute " + description(path, "partial") + "partial\n");
+}
+
+TEST(ServiceExecute, StoppedPluginIsReportedAndNotLeftBehind) {
+  const std::string path = plugin("plugin_stop.sh");
+  const Run r = run(path, "");
+  EXPECT_EQ(r.code, 3);
+  EXPECT_EQ(r.error, "Error: orva can't execute " + description(path, ""));
+  EXPECT_TRUE(noChildLeft());
+}
+
+TEST(ServiceExecute, OutputBytesAreRepairedAndCutAtNul) {
+  EXPECT_EQ(run(plugin("plugin_bytes.sh"), "ab\\377cd").out, "ab cd");
+  EXPECT_EQ(run(plugin("plugin_bytes.sh"), "ab\\303").out, "ab ");
+  EXPECT_EQ(run(plugin("plugin_bytes.sh"), "AB\\000CD\\n").out, "AB");
+}
+
+TEST(ServiceExecute, LargeOutputArrivesWhole) {
+  const int size = 1536 * 1024;
+  std::string expected;
+  while (expected.size() < size) expected += "0123456789abcdef\n";
+  expected.resize(size);
+  const Run r = run(plugin("plugin_big.sh"), std::to_string(size));
+  EXPECT_EQ(r.returned, 0);
+  EXPECT_TRUE(r.out == expected) << r.out.size() << " bytes";
+}
+
+TEST(ServiceExecute, PluginGetsArgumentsAsSplitAndAnEmptyEnvironment) {
+  setenv("NIVO_TEST_MARK", "leaked", 1);
+  EXPECT_EQ(run(plugin("plugin_env.sh"), "").out, "environment:\n");
+  EXPECT_EQ(run(plugin("plugin_args.sh"), "-c \"a b\"  -d 'c d' a\\b").out,
+            "[-c]\n[a b]\n[-d]\n[c d]\n[a\\b]\n");
+}
+
+TEST(ServiceExecute, MonitoringPluginAnswersAsRunByHand) {
+  const std::string path = NIVO_MONITORING_PLUGIN_DIR "/check_dummy";
+  if (access(path.c_str(), X_OK) != 0)
+    GTEST_SKIP() << path << " missing (monitoring-plugins-basic)";
+  const char* const states[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
+  for (int code = 0; code <= 3; ++code) {
+    const Run r = run(path, std::to_string(code) + " 'disk fine'");
+    EXPECT_EQ(r.returned, code);
+    EXPECT_EQ(r.out, std::string(states[code]) + ": disk fine\n");
+  }
+}
+
+TEST(ServiceExecute, PluginSeesOnlyStandardDescriptors) {
+  for (int fd = 0; fd <= 2; ++fd) {  // a runner may start us without some of them
+    if (fcntl(fd, F_GETFD) == -1) ASSERT_EQ(open("/dev/null", O_RDWR), fd);
+  }
+  const int socketFd = socket(AF_INET, SOCK_STREAM, 0);  // like the link's: no close-on-exec
+  const int logFd = open("/dev/null", O_WRONLY);
+  ASSERT_GE(socketFd, 0);
+  ASSERT_GE(logFd, 0);
+  EXPECT_EQ(run(NIVO_PLUGIN_LISTFDS, "").out, "0 1 2\n");
+  close(socketFd);
+  close(logFd);
+}
+
+TEST(ServiceExecute, PluginStartsWithDefaultSignalsAndTheWorkersMask) {
+  struct sigaction ignore {
+  }, previous{};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGUSR1, &ignore, &previous);
+  sigset_t usr2, oldMask;
+  sigemptyset(&usr2);
+  sigaddset(&usr2, SIGUSR2);
+  pthread_sigmask(SIG_BLOCK, &usr2, &oldMask);
+  // Bit 11 of SigBlk is SIGUSR2; SIGUSR1 must no longer be ignored.
+  EXPECT_EQ(run("/bin/grep", "-E ^Sig(Blk|Ign) /proc/self/status").out,
+            "SigBlk:\t0000000000000800\nSigIgn:\t0000000000000000\n");
+  pthread_sigmask(SIG_SETMASK, &oldMask, nullptr);
+  sigaction(SIGUSR1, &previous, nullptr);
+}
+
+TEST(ServiceExecute, ManyRunsFromThreadsLeaveNoDescriptorAndNoChild) {
+  struct Case {
+    std::string path, parameter;
+    int code;
+  };
+  const std::vector<Case> cases = {
+      {plugin("plugin_exit.sh"), "ok 0", 0}, {plugin("plugin_silent.sh"), "255", 3},
+      {"/nonexistent/plugin", "", 2},        {plugin("plugin_kill.sh"), "x", 3},
+      {plugin("plugin_stop.sh"), "", 3},
+  };
+  const int before = openDescriptorCount();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&cases, t] {
+      for (int i = 0; i < 250; ++i) {
+        const Case& c = cases[(i + t) % cases.size()];
+        EXPECT_EQ(run(c.path, c.parameter).code, c.code) << c.path;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(openDescriptorCount(), before);
+  EXPECT_TRUE(noChildLeft());
+}
+
+class ServiceAlerting : public TempDirTest {};
+
+TEST_F(ServiceAlerting, ErrorItemsAreReplacedWhole) {
+  setenv("NIVO_TEST_MARK", "inherited", 1);
+  service s;
+  ServiceTestPeer::setAlertingSoftware(s, plugin("alert_record.sh"));
+  s.SetAlertingParameter(path("argv") + " -s $ERROR");
+  s.SetAlertingParameter("x$ERRORy plain");
+  EXPECT_EQ(s.executeAlertingSoftware("CRITICAL - disk full"), 0);
+  EXPECT_EQ(readFile("argv"), plugin("alert_record.sh") + "\n" + path("argv") +
+                                  "\n-s\nCRITICAL - disk full\nCRITICAL - disk full\nplain\n"
+                                  "NIVO_TEST_MARK=inherited\n");
+}
+
+TEST_F(ServiceAlerting, MissingProgramStillReturnsZero) {
+  service s;
+  ServiceTestPeer::setAlertingSoftware(s, "/nonexistent/alert");
+  testing::internal::CaptureStdout();
+  const int returned = s.executeAlertingSoftware("down");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "No such file or directory\n");
+  EXPECT_EQ(returned, 0);
+  EXPECT_TRUE(noChildLeft());
+}
