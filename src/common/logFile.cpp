@@ -27,24 +27,22 @@ void logFile::write(char level, std::string message) {
   // Dropped lines must cost nothing, so the threshold is tested before the lock; it never changes
   // after construction.
   if (static_cast<unsigned char>(level) < threshold_) return;
-  const std::lock_guard<std::mutex> guard(lock_);
-  reopenIfClosed();
-  stream_ << timeStamp() << '#' << levelText(static_cast<unsigned char>(level)) << '#' << message
-          << std::endl;
-  stream_.flush();
+  writeLine(timeStamp() + '#' + levelText(static_cast<unsigned char>(level)) + '#' + message);
 }
 
 void logFile::write(std::string first, std::string second) {
-  const std::lock_guard<std::mutex> guard(lock_);
-  reopenIfClosed();
-  stream_ << timeStamp() << '#' << first << '#' << second << std::endl;
-  stream_.flush();
+  writeLine(timeStamp() + '#' + first + '#' + second);
 }
 
-void logFile::write(std::string message) {
+void logFile::write(std::string message) { writeLine(message); }
+
+void logFile::writeLine(const std::string& line) {
   const std::lock_guard<std::mutex> guard(lock_);
   reopenIfClosed();
-  stream_ << message << std::endl;
+  // A failed write (a full disk) loses its own line only: the error state is cleared so that the
+  // next line is tried again instead of every later line being dropped.
+  stream_.clear();
+  stream_ << line << std::endl;
   stream_.flush();
 }
 

@@ -47,6 +47,7 @@ class logFile {
  private:
   void open();
   void reopenIfClosed();
+  void writeLine(const std::string& line);
   static std::string timeStamp();
 
   unsigned char threshold_;
