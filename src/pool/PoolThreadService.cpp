@@ -40,12 +40,7 @@ PoolThreadService::~PoolThreadService() {
     workers.swap(workers_);
   }
   for (std::thread& worker : workers) {
-    if (!worker.joinable()) continue;
-    if (worker.get_id() == std::this_thread::get_id()) {
-      worker.detach();  // destroyed from one of its own callbacks: it cannot join itself
-    } else {
-      worker.join();
-    }
+    if (worker.joinable()) worker.join();
   }
   delete queue_;
 }
@@ -123,7 +118,8 @@ void PoolThreadService::startWorker(int number) {
 void PoolThreadService::executeFct(int /*number*/) {
   sigset_t none;
   sigemptyset(&none);
-  pthread_sigmask(SIG_SETMASK, &none, nullptr);
+  if (const int error = pthread_sigmask(SIG_SETMASK, &none, nullptr); error != 0)
+    trace(4, "signal mask not cleared: " + std::to_string(error));
 
   while (!stop_) {
     try {

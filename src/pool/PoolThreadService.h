@@ -33,7 +33,8 @@ class PoolThreadService {
   PoolThreadService(int size, logFile* log, AfterExec after);
   PoolThreadService(int size, AfterExec after);
   // Stops the pool and joins every worker still joinable before the queue goes away, so a
-  // destroyed pool leaves no thread behind that could touch freed memory.
+  // destroyed pool leaves no thread behind that could touch freed memory. A worker busy with a
+  // plugin is waited for. Must not be called from one of the pool's own callbacks.
   virtual ~PoolThreadService();
   PoolThreadService(const PoolThreadService&) = delete;
   PoolThreadService& operator=(const PoolThreadService&) = delete;
