@@ -1,6 +1,6 @@
 // Spawn rate of service::execute() against the same spawns made directly with fork, execve and
 // waitpid (the output still read from a pipe, as any runner must), on 1 and 2 threads. The two
-// are run in alternating rounds so that a busy neighbour slows both alike.
+// take turns in short rounds of kRoundSpawns so that a busy neighbour slows both alike.
 //   usage: bench_execute [spawns per row, default 2000]
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -72,26 +72,26 @@ double timed(const std::function<void(int)>& body, int threads, int spawns) {
 int main(int argc, char** argv) {
   const int spawns = argc > 1 ? std::atoi(argv[1]) : 2000;
   if (access(kPlugin, X_OK) != 0) fail(kPlugin);
-  constexpr int kRounds = 10;
-  const int perRound = spawns / kRounds;
-  if (perRound < 2) {
-    std::fprintf(stderr, "usage: bench_execute [spawns per row, at least %d]\n", 2 * kRounds);
+  constexpr int kRoundSpawns = 20;
+  const int rounds = spawns / kRoundSpawns;
+  if (rounds < 1) {
+    std::fprintf(stderr, "usage: bench_execute [spawns per row, at least %d]\n", kRoundSpawns);
     return 1;
   }
   timed(throughService, 1, 20);  // warm up: page cache, dynamic loader
   timed(direct, 1, 20);
 
-  std::printf("%s 0 OK, %d spawns per row in %d alternating rounds\n", kPlugin, perRound * kRounds,
-              kRounds);
+  std::printf("%s 0 OK, %d spawns per row in %d alternating rounds\n", kPlugin,
+              rounds * kRoundSpawns, rounds);
   std::printf("%-8s %14s %14s %14s\n", "threads", "execute()/s", "direct/s", "ratio");
   for (const int threads : {1, 2}) {
     double serviceSeconds = 0;
     double directSeconds = 0;
-    for (int round = 0; round < kRounds; ++round) {
-      serviceSeconds += timed(throughService, threads, perRound);
-      directSeconds += timed(direct, threads, perRound);
+    for (int round = 0; round < rounds; ++round) {
+      serviceSeconds += timed(throughService, threads, kRoundSpawns);
+      directSeconds += timed(direct, threads, kRoundSpawns);
     }
-    const double total = perRound / threads * threads * kRounds;
+    const double total = static_cast<double>(rounds) * kRoundSpawns;
     std::printf("%-8d %14.1f %14.1f %14.3f\n", threads, total / serviceSeconds,
                 total / directSeconds, directSeconds / serviceSeconds);
   }

@@ -1,6 +1,9 @@
 #include "convertTo.h"
 
+#include <iterator>
 #include <sstream>
+
+#include <utf8.h>
 
 namespace {
 
@@ -51,3 +54,13 @@ std::string rtrim(const std::string& text) {
 }
 
 std::string trim(const std::string& text) { return rtrim(ltrim(text)); }
+
+// A blank rather than U+FFFD: the server shows plugin output as plain text, where a blank is the
+// least surprising stand-in for a byte it could not show.
+std::string toValidUtf8(const std::string& text) {
+  if (utf8::is_valid(text.begin(), text.end())) return text;
+  std::string repaired;
+  repaired.reserve(text.size());
+  utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(repaired), ' ');
+  return repaired;
+}

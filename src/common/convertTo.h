@@ -23,3 +23,6 @@ std::string doubleToString(double value);  // 6 significant digits: 1234567.0 ->
 std::string ltrim(const std::string& text);
 std::string rtrim(const std::string& text);
 std::string trim(const std::string& text);
+
+// The text with every invalid UTF-8 sequence replaced by one blank; valid text comes back as is.
+std::string toValidUtf8(const std::string& text);

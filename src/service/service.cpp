@@ -1,12 +1,13 @@
 #include "service/service.h"
 
+#include "common/convertTo.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <utf8.h>
 #include <array>
 #include <boost/tokenizer.hpp>
 #include <cerrno>
@@ -32,8 +33,9 @@ void appendTokens(const std::string& text, std::vector<std::string>& tokens) {
 class ErrnoTexts {
  public:
   static const ErrnoTexts& get() {
-    static const ErrnoTexts texts;
-    return texts;
+    // Never destroyed: a worker may still be starting a plugin while the process exits.
+    static const ErrnoTexts* const texts = new ErrnoTexts;
+    return *texts;
   }
 
   // Async-signal-safe.
@@ -98,8 +100,8 @@ class ArgumentVector {
 struct ChildSetup {
   const char* path = nullptr;
   char* const* argv = nullptr;
-  char* const* envp = nullptr;
-  int outputFd = -1;  // becomes descriptor 1; -1 keeps the agent's standard output
+  char* const* envp = nullptr;  // null: the agent's own environment, as execv passes it
+  int outputFd = -1;            // becomes descriptor 1; -1 keeps the agent's standard output
   int unusedFd = -1;  // the parent's end of the pipe, closed in the child; -1 when there is none
   const char* execFailurePrefix = "";  // starts the line written on descriptor 1 if execve fails
   long maxFd = 0;                      // bound of the close loop when close_range is missing
@@ -165,7 +167,7 @@ struct ChildSetup {
   }
   ::sigprocmask(SIG_SETMASK, setup.mask, nullptr);
 
-  ::execve(setup.path, setup.argv, setup.envp);
+  ::execve(setup.path, setup.argv, setup.envp != nullptr ? setup.envp : environ);
   const int error = errno;
   writeText(STDOUT_FILENO, setup.execFailurePrefix);
   writeText(STDOUT_FILENO, setup.errnoTexts->text(error));
@@ -389,7 +391,7 @@ int service::execute() {
     stdout_ = "Error execute: Bad return code\n" + description() + " " + output;
     code = 3;
   }
-  if (!utf8::is_valid(output)) output = utf8::replace_invalid(output, ' ');
+  output = toValidUtf8(output);
   returnCode_ = code;
   // Any output replaces the fixed texts above; they only survive when there was none.
   if (output.empty() || output == "''") {
@@ -410,12 +412,11 @@ int service::executeAlertingSoftware(std::string error) {
   ChildSetup setup;
   setup.path = alertingSoftware_.c_str();
   setup.argv = argv.get();
-  // execv's inherited environment, taken here since the child may not look anything up. Its
-  // standard output and error are the agent's; a failed execve prints the bare error text there.
-  // _exit rather than exit: exit() would flush stdio buffers copied from the agent (printing the
-  // agent's pending output twice) and run its atexit handlers, whose locks another thread may
-  // have held at fork time. The observable result, the text and status 2, stays the same.
-  setup.envp = environ;
+  // No envp: the program inherits the agent's environment, and its standard output and error
+  // too. A failed execve prints the bare error text there and ends the child with status 2 through
+  // _exit rather than exit(): exit() would flush stdio buffers copied from the agent (printing
+  // the agent's pending output twice) and run atexit handlers whose locks another thread may have
+  // held at fork time. What can be seen from outside, the text and the status, stays the same.
   const pid_t pid = spawn(setup);
 
   // A failed fork (-1) goes on to the wait like the parent's side and takes any child of the

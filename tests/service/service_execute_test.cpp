@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,19 +22,19 @@ namespace {
 std::string plugin(const std::string& name) { return NIVO_TEST_PLUGIN_DIR "/" + name; }
 
 // What one execute() left behind.
-struct Run {
+struct Outcome {
   int returned = -1;  // -1 when it threw
   int code = -1;
   std::string out;
   std::string error;  // what() of the serviceException, if any
 };
 
-Run run(const std::string& path, const std::string& parameter) {
+Outcome run(const std::string& path, const std::string& parameter) {
   service s;
   s.Setname("probe");
   s.Setpath(path);
   s.Setparameter(parameter);
-  Run r;
+  Outcome r;
   try {
     r.returned = s.execute();
   } catch (const serviceException& e) {
@@ -64,7 +65,7 @@ const char kNothing[] = "DAEMON: the plugin does not return anything on the stdo
 
 TEST(ServiceExecute, KeepsOutputAndCodesZeroToFive) {
   for (int code = 0; code <= 5; ++code) {
-    const Run r = run(plugin("plugin_exit.sh"), "'OK - load 0.1' " + std::to_string(code));
+    const Outcome r = run(plugin("plugin_exit.sh"), "'OK - load 0.1' " + std::to_string(code));
     EXPECT_EQ(r.returned, code);
     EXPECT_EQ(r.code, code);
     EXPECT_EQ(r.out, "OK - load 0.1\n");
@@ -73,16 +74,16 @@ TEST(ServiceExecute, KeepsOutputAndCodesZeroToFive) {
 
 TEST(ServiceExecute, ExitCodeOutsideZeroToFiveBecomesUnknown) {
   for (const char* code : {"255", "7"}) {
-    const Run r = run(plugin("plugin_exit.sh"), std::string("down ") + code);
+    const Outcome r = run(plugin("plugin_exit.sh"), std::string("down ") + code);
     EXPECT_EQ(r.returned, 3) << code;
     EXPECT_EQ(r.out, "down\n");
   }
-  const Run unreachable = run(plugin("plugin_silent.sh"), "255");
+  const Outcome unreachable = run(plugin("plugin_silent.sh"), "255");
   EXPECT_EQ(unreachable.code, 3);
   EXPECT_EQ(unreachable.out, "UNKNOWN: OrvaDaemon could not connect to host");
   EXPECT_EQ(unreachable.error, kNothing);
 
-  const Run bad = run(plugin("plugin_silent.sh"), "7");
+  const Outcome bad = run(plugin("plugin_silent.sh"), "7");
   EXPECT_EQ(bad.code, 3);
   EXPECT_EQ(bad.out, "Error execute: Bad return code\n" +
                          description(plugin("plugin_silent.sh"), "7") + " ");
@@ -90,24 +91,53 @@ TEST(ServiceExecute, ExitCodeOutsideZeroToFiveBecomesUnknown) {
 }
 
 TEST(ServiceExecute, TwoQuotesAloneCountAsNoOutput) {
-  const Run quotes = run(plugin("plugin_bytes.sh"), "\\047\\047");
+  const Outcome quotes = run(plugin("plugin_bytes.sh"), "\\047\\047");
   EXPECT_EQ(quotes.code, 3);
   EXPECT_EQ(quotes.error, kNothing);
-  const Run quotesBlank = run(plugin("plugin_bytes.sh"), "\\047\\047\\040");
+  const Outcome quotesBlank = run(plugin("plugin_bytes.sh"), "\\047\\047\\040");
   EXPECT_EQ(quotesBlank.returned, 0);
   EXPECT_EQ(quotesBlank.out, "'' ");
 }
 
 TEST(ServiceExecute, UnrunnablePathReportsCriticalWithTheSystemText) {
-  const Run missing = run("/nonexistent/plugin", "-w 1");
+  const Outcome missing = run("/nonexistent/plugin", "-w 1");
   EXPECT_EQ(missing.returned, 2);
   EXPECT_EQ(missing.out, "DAEMON: plugin is not executable No such file or directory\n");
   EXPECT_EQ(run("/etc/passwd", "").out, "DAEMON: plugin is not executable Permission denied\n");
 }
 
+TEST(ServiceExecute, FailedPipeNamesTheServiceAndLeavesTheRecord) {
+  // UBSan checks a polymorphic object on first use through a pipe of its own: the record is
+  // first used, and the exception read, while descriptors are free.
+  service s;
+  s.Setname("probe");
+  s.Setpath("/opt/load");
+  s.Setparameter("-w 5");
+  s.SetReturnCode(7);
+  rlimit limit;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const int lowestFree = open("/dev/null", O_RDONLY);
+  ASSERT_GE(lowestFree, 0);
+  close(lowestFree);
+  rlimit none = limit;
+  none.rlim_cur = lowestFree;  // every descriptor is taken
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  std::string error = "nothing thrown";
+  try {
+    s.execute();
+  } catch (const serviceException& e) {
+    setrlimit(RLIMIT_NOFILE, &limit);
+    error = e.what();
+  }
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_EQ(error, "Error open pipe probe\npath:/opt/load -w 5Too many open files");
+  EXPECT_EQ(s.GetReturnCode(), 7);
+  EXPECT_EQ(s.GetStdout(), "");
+}
+
 TEST(ServiceExecute, PluginEndedBySignalIsNotExecutable) {
   const std::string path = plugin("plugin_kill.sh");
-  const Run r = run(path, "partial");
+  const Outcome r = run(path, "partial");
   EXPECT_EQ(r.code, 3);
   EXPECT_EQ(r.out, "Error: orva can't execute " + path);
   EXPECT_EQ(r.error, "Error: orva can't execute " + description(path, "partial") + "partial\n");
@@ -115,7 +145,7 @@ TEST(ServiceExecute, PluginEndedBySignalIsNotExecutable) {
 
 TEST(ServiceExecute, StoppedPluginIsReportedAndNotLeftBehind) {
   const std::string path = plugin("plugin_stop.sh");
-  const Run r = run(path, "");
+  const Outcome r = run(path, "");
   EXPECT_EQ(r.code, 3);
   EXPECT_EQ(r.error, "Error: orva can't execute " + description(path, ""));
   EXPECT_TRUE(noChildLeft());
@@ -132,7 +162,7 @@ TEST(ServiceExecute, LargeOutputArrivesWhole) {
   std::string expected;
   while (expected.size() < size) expected += "0123456789abcdef\n";
   expected.resize(size);
-  const Run r = run(plugin("plugin_big.sh"), std::to_string(size));
+  const Outcome r = run(plugin("plugin_big.sh"), std::to_string(size));
   EXPECT_EQ(r.returned, 0);
   EXPECT_TRUE(r.out == expected) << r.out.size() << " bytes";
 }
@@ -150,7 +180,7 @@ TEST(ServiceExecute, MonitoringPluginAnswersAsRunByHand) {
     GTEST_SKIP() << path << " missing (monitoring-plugins-basic)";
   const char* const states[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
   for (int code = 0; code <= 3; ++code) {
-    const Run r = run(path, std::to_string(code) + " 'disk fine'");
+    const Outcome r = run(path, std::to_string(code) + " 'disk fine'");
     EXPECT_EQ(r.returned, code);
     EXPECT_EQ(r.out, std::string(states[code]) + ": disk fine\n");
   }
@@ -158,7 +188,9 @@ TEST(ServiceExecute, MonitoringPluginAnswersAsRunByHand) {
 
 TEST(ServiceExecute, PluginSeesOnlyStandardDescriptors) {
   for (int fd = 0; fd <= 2; ++fd) {  // a runner may start us without some of them
-    if (fcntl(fd, F_GETFD) == -1) ASSERT_EQ(open("/dev/null", O_RDWR), fd);
+    if (fcntl(fd, F_GETFD) == -1) {
+      ASSERT_EQ(open("/dev/null", O_RDWR), fd);
+    }
   }
   const int socketFd = socket(AF_INET, SOCK_STREAM, 0);  // like the link's: no close-on-exec
   const int logFd = open("/dev/null", O_WRONLY);

@@ -9,17 +9,6 @@
 
 using Args = std::vector<std::string>;
 
-TEST(ServiceRecord, StartsWithItsDefaults) {
-  const service s;
-  EXPECT_EQ(s.GetReturnCode(), 0);
-  EXPECT_EQ(s.GetCost(), 1.0f);
-  EXPECT_FALSE(s.GetAlertingOK() || s.GetAlertingUnknown() || s.GetAlertingWarning() ||
-               s.GetAlertingCritical());
-  EXPECT_EQ(s.GetMaintenanceMode(), 0);
-  EXPECT_EQ(s.Getparameter() + s.Getpath() + s.GetStdout() + s.GetService_idStr(), "");
-  EXPECT_TRUE(s.getVectorParam().empty() && s.getVectorAlertingParam().empty());
-}
-
 TEST(ServiceParameters, SplitOnBlanksWithEitherQuoteAndNoEscape) {
   const std::vector<std::pair<std::string, Args>> cases = {
       {"", {}},
