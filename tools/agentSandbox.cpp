@@ -1,0 +1,214 @@
+#include "agentSandbox.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+[[noreturn]] void fail(const std::string& what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+// The child's side of start(): only async-signal-safe calls, since the caller may have threads.
+[[noreturn]] void execAgent(int outputFd, int nullFd, char* const* argv) {
+  if (dup2(nullFd, STDIN_FILENO) == -1 || dup2(outputFd, STDOUT_FILENO) == -1 ||
+      dup2(outputFd, STDERR_FILENO) == -1)
+    _exit(126);
+  close_range(3, ~0U, 0);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  execv(argv[0], argv);
+  _exit(127);
+}
+
+}  // namespace
+
+agentSandbox::agentSandbox(Paths paths, const std::string& serverUrl, const std::string& parent)
+    : paths_(std::move(paths)) {
+  std::string pattern = parent + "/nivo-agent.XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) fail("mkdtemp " + pattern);
+  dir_ = pattern;
+  fs::create_directories(path("etc"));
+  fs::create_directories(path("tmp"));
+  fs::create_directories(path("plugins"));
+
+  setKey("LOG", "info", path("status"));
+  setKey("LOG", "log_file", path("agent.log"));
+  setKey("LOG", "lastExec", "/tmp/nivo/lastexec");
+  setKey("SSL", "cafile", "/etc/nivo/ca.pem");
+  setKey("SSL", "local_cert", "/etc/nivo/agent.pem");
+  setKey("NIVO", "plugin_list", "/etc/nivo/plugins.list");
+  setKey("NIVO", "plugin_dir", path("plugins"));
+  setKey("NIVO", "server_url", serverUrl);
+  setKey("NIVO", "ip_command", "/usr/sbin/ip");
+  setKey("NIVO", "thread", "2");
+  writeFile("etc/sn", "SN-TEST-0001\n");
+  setPluginList({});
+}
+
+agentSandbox::~agentSandbox() {
+  if (running()) {
+    kill(pid_, SIGKILL);
+    waitExit(std::chrono::seconds(10));
+  }
+  std::error_code ignored;
+  fs::remove_all(dir_, ignored);
+}
+
+std::string agentSandbox::path(const std::string& relative) const { return dir_ + "/" + relative; }
+
+void agentSandbox::setKey(const std::string& section, const std::string& key,
+                          const std::string& value) {
+  for (auto& [name, lines] : config_) {
+    if (name != section) continue;
+    for (auto& line : lines) {
+      if (line.first == key) {
+        line.second = value;
+        return;
+      }
+    }
+    lines.emplace_back(key, value);
+    return;
+  }
+  config_.push_back({section, {{key, value}}});
+}
+
+void agentSandbox::removeKey(const std::string& section, const std::string& key) {
+  for (auto& [name, lines] : config_) {
+    if (name != section) continue;
+    for (auto it = lines.begin(); it != lines.end(); ++it) {
+      if (it->first == key) {
+        lines.erase(it);
+        return;
+      }
+    }
+  }
+}
+
+void agentSandbox::writeFile(const std::string& relative, const std::string& content,
+                             mode_t mode) {
+  const fs::path target = path(relative);
+  fs::create_directories(target.parent_path());
+  {
+    std::ofstream file(target, std::ios::out | std::ios::trunc | std::ios::binary);
+    if (!file) fail("cannot write " + target.string());
+    file << content;
+  }
+  if (chmod(target.c_str(), mode) != 0) fail("chmod " + target.string());
+}
+
+void agentSandbox::removeFile(const std::string& relative) {
+  std::error_code ignored;
+  fs::remove_all(path(relative), ignored);
+}
+
+void agentSandbox::addPlugin(const std::string& name, const std::string& sourcePath) {
+  const fs::path target = path("plugins/" + name);
+  fs::copy_file(sourcePath, target, fs::copy_options::overwrite_existing);
+  fs::permissions(target, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                              fs::perms::others_read | fs::perms::others_exec);
+  pluginNames_.push_back(name);
+  setPluginList(pluginNames_);
+}
+
+void agentSandbox::setPluginList(const std::vector<std::string>& names) {
+  pluginNames_ = names;
+  std::string list;
+  for (const std::string& name : names) list += name + "\n";
+  writeFile("etc/plugins.list", list);
+}
+
+void agentSandbox::writeConfig() {
+  std::string text;
+  for (const auto& [section, lines] : config_) {
+    text += "[" + section + "]\n";
+    for (const auto& [key, value] : lines) text += key + "=" + value + "\n";
+    text += "\n";
+  }
+  writeFile("etc/qavel.conf", text);
+}
+
+void agentSandbox::start(std::vector<std::string> arguments) {
+  if (running()) throw std::logic_error("agent already running");
+  writeConfig();
+  std::vector<std::string> words{paths_.sandboxRun, dir_, paths_.agent};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+
+  const int outputFd =
+      open(path("agent.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (outputFd == -1) fail("open agent.out");
+  const int nullFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (nullFd == -1) {
+    close(outputFd);
+    fail("open /dev/null");
+  }
+  exitStatus_.reset();
+  pid_ = fork();
+  if (pid_ == 0) execAgent(outputFd, nullFd, argv.data());
+  const int forkError = errno;
+  close(outputFd);
+  close(nullFd);
+  if (pid_ == -1) {
+    errno = forkError;
+    fail("fork");
+  }
+}
+
+bool agentSandbox::running() {
+  if (pid_ <= 0 || exitStatus_) return false;
+  return !waitExit(std::chrono::milliseconds(0));
+}
+
+void agentSandbox::signal(int signo) {
+  if (pid_ > 0 && !exitStatus_) kill(pid_, signo);
+}
+
+std::optional<int> agentSandbox::waitExit(std::chrono::milliseconds timeout) {
+  if (exitStatus_ || pid_ <= 0) return exitStatus_;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    int status = 0;
+    const pid_t done = waitpid(pid_, &status, WNOHANG);
+    if (done == pid_) {
+      exitStatus_ = status;
+      return exitStatus_;
+    }
+    if (done == -1 && errno != EINTR) fail("waitpid");
+    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+std::string agentSandbox::readFile(const std::string& relative) const {
+  std::ifstream file(path(relative), std::ios::binary);
+  std::ostringstream content;
+  content << file.rdbuf();
+  return content.str();
+}
+
+bool agentSandbox::waitForLog(const std::string& text, std::chrono::milliseconds timeout) const {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    if (log().find(text) != std::string::npos) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
