@@ -6,6 +6,8 @@
 #include <websocketpp/client.hpp>
 #include <websocketpp/config/asio_client.hpp>
 
+#include "../common/convertTo.h"
+
 namespace {
 
 void sendText(QAVEL::tlsClient& endpoint, std::weak_ptr<void> hdl, const std::string& text) {
@@ -82,7 +84,9 @@ void QAVEL::sendTask(tlsClient& endpoint, std::weak_ptr<void> hdl, Task& task) {
 std::string QAVEL::buildJsonTaskState(Task& task) {
   Json::Value inner(Json::objectValue);
   inner["TASKID"] = task.getTaskId();
-  inner["OUTPUT"] = task.getOutput();
+  // JSON carries text only: JsonCpp would turn invalid bytes (an unknown plugin's name as the
+  // server sent it, say) into arbitrary characters and swallow what follows them.
+  inner["OUTPUT"] = toValidUtf8(task.getOutput());
   inner["RETURN"] = task.getReturn();
   Json::Value doc(Json::objectValue);
   doc["COMMAND"] = "EXEC-RESPONSE";
