@@ -8,11 +8,15 @@
 #include <websocketpp/config/asio.hpp>
 #include <websocketpp/server.hpp>
 
+#include <string.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <boost/asio/post.hpp>
 #include <condition_variable>
 #include <ctime>
 #include <deque>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <set>
@@ -42,8 +46,7 @@ using TlsContext = boost::asio::ssl::context;
 constexpr std::chrono::seconds kStopGrace{2};
 
 double secondsSinceEpoch() {
-  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-      .count();
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
 std::string openSslError() {
@@ -56,8 +59,9 @@ std::string openSslError() {
 }
 
 void checkSsl(bool ok, const char* what) {
-  if (!ok) throw ServerError(std::string("cannot make a self-signed certificate: ") + what + ": " +
-                             openSslError());
+  if (!ok)
+    throw ServerError(std::string("cannot make a self-signed certificate: ") + what + ": " +
+                      openSslError());
 }
 
 struct KeyFree {
@@ -76,9 +80,9 @@ void useSelfSignedCertificate(TlsContext& context) {
   checkSsl(certificate != nullptr, "certificate");
   X509* const cert = certificate.get();
   checkSsl(X509_set_version(cert, 2) == 1, "version");
-  checkSsl(ASN1_INTEGER_set(X509_get_serialNumber(cert), static_cast<long>(std::time(nullptr))) ==
-               1,
-           "serial number");
+  checkSsl(
+      ASN1_INTEGER_set(X509_get_serialNumber(cert), static_cast<long>(std::time(nullptr))) == 1,
+      "serial number");
   // Back-dated a minute so that a peer with a slightly slow clock accepts it too.
   checkSsl(X509_gmtime_adj(X509_getm_notBefore(cert), -60) != nullptr, "validity");
   checkSsl(X509_gmtime_adj(X509_getm_notAfter(cert), 24 * 3600) != nullptr, "validity");
@@ -94,13 +98,25 @@ void useSelfSignedCertificate(TlsContext& context) {
   checkSsl(SSL_CTX_use_PrivateKey(context.native_handle(), key.get()) == 1, "use key");
 }
 
+// Boost's message for a failed load is only "asio.ssl error": the system's or OpenSSL's reason
+// says what is wrong with the file.
+std::string loadFailure(const std::string& file, const boost::system::error_code& ec) {
+  if (access(file.c_str(), R_OK) != 0) return strerror(errno);
+  if (ec.category() == boost::asio::error::get_ssl_category()) {
+    const char* const reason = ERR_reason_error_string(static_cast<unsigned long>(ec.value()));
+    if (reason != nullptr) return reason;
+  }
+  return ec.message();
+}
+
 void useCertificateFiles(TlsContext& context, const std::string& certFile,
                          const std::string& keyFile) {
   boost::system::error_code ec;
   context.use_certificate_chain_file(certFile, ec);
-  if (ec) throw ServerError("cannot read certificate " + certFile + ": " + ec.message());
+  if (ec)
+    throw ServerError("cannot read certificate " + certFile + ": " + loadFailure(certFile, ec));
   context.use_private_key_file(keyFile, TlsContext::pem, ec);
-  if (ec) throw ServerError("cannot read private key " + keyFile + ": " + ec.message());
+  if (ec) throw ServerError("cannot read private key " + keyFile + ": " + loadFailure(keyFile, ec));
   if (SSL_CTX_check_private_key(context.native_handle()) != 1) {
     throw ServerError("private key " + keyFile + " does not match certificate " + certFile);
   }
@@ -156,9 +172,10 @@ struct QavelServer::Impl {
   explicit Impl(ServerOptions opts) : options(std::move(opts)) {}
 
   // Endpoint calls are not thread-safe: they run on the I/O thread, and the caller waits for the
-  // result (or the exception). From the I/O thread itself (a callback) they run at once.
-  template <typename Operation>
-  auto onIoThread(Operation operation) -> decltype(operation()) {
+  // outcome. From the I/O thread itself (a callback) they run at once. The outcome comes back as
+  // an error text, not as an exception_ptr, which libstdc++ would free on whichever thread drops it
+  // last, out of ThreadSanitizer's sight.
+  void onIoThread(std::function<void()> operation) {
     bool onIo = false;
     {
       const std::lock_guard<std::mutex> lock(mutex);
@@ -166,12 +183,30 @@ struct QavelServer::Impl {
       onIo = std::this_thread::get_id() == ioThread;
     }
     if (onIo) return operation();
-    // Shared with the handler: if stop() abandons the handler, the caller gets a broken promise
-    // instead of waiting for ever.
-    auto task = std::make_shared<std::packaged_task<decltype(operation())()>>(std::move(operation));
-    auto result = task->get_future();
-    boost::asio::post(server.get_io_service(), [task] { (*task)(); });
-    return result.get();
+    struct Outcome {
+      bool done = false;
+      std::optional<std::string> error;
+    };
+    const auto outcome = std::make_shared<Outcome>();
+    boost::asio::post(server.get_io_service(), [this, outcome, operation = std::move(operation)] {
+      std::optional<std::string> error;
+      try {
+        operation();
+      } catch (const std::exception& e) {
+        error = e.what();
+      }
+      {
+        const std::lock_guard<std::mutex> lock(mutex);
+        outcome->error = std::move(error);
+        outcome->done = true;
+      }
+      changed.notify_all();
+    });
+    std::unique_lock<std::mutex> lock(mutex);
+    // Not done when stop() gave up on the loop and dropped the call with it.
+    changed.wait(lock, [&] { return outcome->done || stopped; });
+    if (!outcome->done) throw ServerError("the server stopped");
+    if (outcome->error) throw ServerError(*outcome->error);
   }
 
   void event(const std::string& text) const {
@@ -212,12 +247,13 @@ struct QavelServer::Impl {
       linkInfo = info;
     }
     changed.notify_all();
-    event("agent connected from " + info.remote + ", subprotocols offered: " +
-          joined(info.offeredSubprotocols) + ", selected: " +
-          (info.selectedSubprotocol.empty() ? "none" : info.selectedSubprotocol));
+    event("agent connected from " + info.remote +
+          ", subprotocols offered: " + joined(info.offeredSubprotocols) +
+          ", selected: " + (info.selectedSubprotocol.empty() ? "none" : info.selectedSubprotocol));
   }
 
   void onFail(const Hdl& hdl) {
+    if (stopping) return;  // the connection waiting in accept, cancelled by stop_listening
     const Server::connection_ptr con = server.get_con_from_hdl(hdl);
     event("connection failed: " + con->get_ec().message());
   }
@@ -267,6 +303,7 @@ struct QavelServer::Impl {
 
   // Asks every link to close; the I/O loop ends once they are gone.
   void shutdown() {
+    stopping = true;
     websocketpp::lib::error_code ec;
     server.stop_listening(ec);
     for (const Hdl& hdl : openLinks) {
@@ -300,18 +337,21 @@ struct QavelServer::Impl {
   // I/O thread only.
   Hdl link;
   std::set<Hdl, std::owner_less<Hdl>> openLinks;
+  bool stopping = false;
 
   // Under mutex.
   std::mutex mutex;
   std::condition_variable changed;
   bool running = false;
+  bool stopped = false;  // the I/O thread has ended
   std::thread::id ioThread;
   std::optional<ConnectionInfo> linkInfo;
   std::vector<ReceivedFrame> frames;
   std::deque<CloseInfo> closes;
 };
 
-QavelServer::QavelServer(ServerOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+QavelServer::QavelServer(ServerOptions options)
+    : impl_(std::make_unique<Impl>(std::move(options))) {}
 
 QavelServer::~QavelServer() { stop(); }
 
@@ -374,6 +414,11 @@ void QavelServer::stop() {
     impl.server.stop();
   }
   impl.thread.join();
+  {
+    const std::lock_guard<std::mutex> lock(impl.mutex);
+    impl.stopped = true;
+  }
+  impl.changed.notify_all();
 }
 
 std::optional<ConnectionInfo> QavelServer::waitForConnection(std::chrono::milliseconds timeout) {

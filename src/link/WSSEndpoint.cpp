@@ -3,8 +3,7 @@
 #include <json/json.h>
 
 #include <boost/asio/post.hpp>
-#include <functional>
-#include <future>
+#include <optional>
 #include <utility>
 
 // Every WebSocket++ call on the endpoint or the connection runs on the network thread. The library
@@ -14,16 +13,92 @@
 // the call to the loop and waiting for its result keeps the library single-threaded, as its
 // documentation asks for connection pointers obtained from a handle. A call made from the network
 // thread itself (a reply sent by the message callback) runs at once, since waiting would deadlock.
+// So does a call made while the network thread sits in the message callback: the agent's callback
+// may wait for the main thread (an order that arrives before the pools exist), and the main thread
+// may be in send() meanwhile. The callback does not return before such a call has finished.
+// The outcome comes back as a value or an error text, never as an exception_ptr: libstdc++ frees
+// a shared exception on whichever thread drops it last, out of ThreadSanitizer's sight. Any
+// failure reaches the caller as a WSSEndpointException with the failure's text.
 template <typename Operation>
 auto WSSEndpoint::onNetworkThread(Operation operation) -> decltype(operation()) {
+  using Result = decltype(operation());
   if (std::this_thread::get_id() == thread_->get_id()) {
     return operation();
   }
-  std::packaged_task<decltype(operation())()> task(std::move(operation));
-  auto result = task.get_future();
-  boost::asio::post(endpoint_.get_io_service(), [&task] { task(); });
-  return result.get();
+  struct Pending {
+    explicit Pending(Operation op) : operation(std::move(op)) {}
+    Operation operation;
+    // Under loanLock_. Whoever claims the operation runs it, exactly once.
+    bool claimed = false;
+    bool done = false;
+    std::optional<Result> value;
+    std::optional<std::string> error;
+  };
+  const auto pending = std::make_shared<Pending>(std::move(operation));
+  const auto execute = [this](Pending& call) {
+    std::optional<Result> value;
+    std::optional<std::string> error;
+    try {
+      value.emplace(call.operation());
+    } catch (const std::exception& e) {
+      error = e.what();
+    }
+    {
+      const std::lock_guard<std::mutex> lock(loanLock_);
+      call.value = std::move(value);
+      call.error = std::move(error);
+      call.done = true;
+    }
+    loanChanged_.notify_all();
+  };
+  boost::asio::post(endpoint_.get_io_service(), [this, pending, execute] {
+    {
+      const std::lock_guard<std::mutex> lock(loanLock_);
+      if (pending->claimed) return;
+      pending->claimed = true;
+    }
+    execute(*pending);
+  });
+  std::unique_lock<std::mutex> lock(loanLock_);
+  loanChanged_.wait(lock, [&] { return pending->done || inCallback_; });
+  if (!pending->claimed) {
+    pending->claimed = true;
+    ++borrowers_;
+    lock.unlock();
+    execute(*pending);
+    lock.lock();
+    --borrowers_;
+    loanChanged_.notify_all();
+  }
+  loanChanged_.wait(lock, [&] { return pending->done; });
+  if (pending->error) {
+    throw WSSEndpointException(*pending->error);
+  }
+  return std::move(*pending->value);
 }
+
+// Marks the network thread as lent out for the span of the message callback; on the way out it
+// waits for the borrowers, so that the loop touches the connection again only after them.
+class WSSEndpoint::CallbackLoan {
+ public:
+  explicit CallbackLoan(WSSEndpoint& endpoint) : endpoint_(endpoint) {
+    {
+      const std::lock_guard<std::mutex> lock(endpoint_.loanLock_);
+      endpoint_.inCallback_ = true;
+    }
+    endpoint_.loanChanged_.notify_all();
+  }
+  ~CallbackLoan() {
+    std::unique_lock<std::mutex> lock(endpoint_.loanLock_);
+    endpoint_.inCallback_ = false;
+    endpoint_.loanChanged_.wait(lock, [this] { return endpoint_.borrowers_ == 0; });
+  }
+  CallbackLoan(const CallbackLoan&) = delete;
+  CallbackLoan& operator=(const CallbackLoan&) = delete;
+
+ private:
+  WSSEndpoint& endpoint_;
+};
 
 WSSEndpoint::WSSEndpoint() { setUp(); }
 
@@ -85,7 +160,10 @@ int WSSEndpoint::connect(const std::string& uri) {
 
 void WSSEndpoint::setCallbackFctOnMessage(MessageCallback callback) {
   // Stored on the network thread, where on_message reads it.
-  onNetworkThread([this, callback] { callback_ = callback; });
+  onNetworkThread([this, callback] {
+    callback_ = callback;
+    return true;
+  });
 }
 
 std::shared_ptr<boost::asio::ssl::context> WSSEndpoint::enableSSLMode(
@@ -109,8 +187,11 @@ std::shared_ptr<boost::asio::ssl::context> WSSEndpoint::enableSSLMode(
 void WSSEndpoint::on_message(websocketpp::connection_hdl hdl, client::message_ptr msg) {
   const std::string payload = msg->get_payload();
   Trace(0, "on_message function: " + payload);
-  if (callback_ != nullptr) {
-    callback_(std::move(hdl), payload);
+  // Read before the loan: while lent out, a borrower may store a new callback.
+  const MessageCallback callback = callback_;
+  if (callback != nullptr) {
+    const CallbackLoan loan(*this);
+    callback(std::move(hdl), payload);
   }
   Trace(0, "on_message function end");
 }

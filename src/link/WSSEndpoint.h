@@ -1,12 +1,14 @@
 // The agent's one secure WebSocket client link, with its own network thread. It offers the "qavel"
 // subprotocol, does not verify the server's certificate (TLS 1.1 and later only), hands every
 // inbound frame to one callback on the network thread and raises WSSEndpointException on failure.
-// send/ping/close may be called from any thread: each runs on the network thread and waits.
+// send/ping/close may be called from any thread: each runs on the network thread and waits (see
+// onNetworkThread in the .cpp for why, and for calls made while the callback runs).
 #pragma once
 
 #include <websocketpp/client.hpp>
 #include <websocketpp/config/asio_client.hpp>
 
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -47,9 +49,11 @@ class WSSEndpoint {
 
  private:
   void setUp();
-  // Runs the operation on the network thread and returns its result or rethrows its exception.
+  // Runs the operation on the network thread and returns its result; a failure comes back as a
+  // WSSEndpointException with its text.
   template <typename Operation>
   auto onNetworkThread(Operation operation) -> decltype(operation());
+  class CallbackLoan;
 
   client endpoint_;
   std::mutex mutex_;
@@ -57,5 +61,12 @@ class WSSEndpoint {
   websocketpp::connection_hdl hdl_;
   MessageCallback callback_ = nullptr;
   logFile* log_ = nullptr;
-  std::int32_t status_ = 254;
+  [[maybe_unused]] std::int32_t status_ = 254;  // no operation reads it yet
+  // While the network thread is inside the message callback, it touches no connection state:
+  // another thread may then use the connection directly ("borrow" the thread), for the callback
+  // may be waiting for that very thread.
+  std::mutex loanLock_;
+  std::condition_variable loanChanged_;
+  bool inCallback_ = false;
+  int borrowers_ = 0;
 };

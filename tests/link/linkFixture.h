@@ -1,0 +1,92 @@
+// Fixture for the link tests: a log in a fresh directory, the in-process protocol peer on
+// 127.0.0.1, and a record of what the endpoint's message callback was handed.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../common/tempDirTest.h"
+#include "common/logFile.h"
+#include "link/WSSEndpoint.h"
+#include "qavelServer.h"
+
+constexpr std::chrono::seconds kWait{10};
+
+// The callback is a plain function pointer, so what it receives is kept in one static record.
+class CallbackRecord {
+ public:
+  static CallbackRecord& instance() {
+    static CallbackRecord record;
+    return record;
+  }
+  static void callback(std::weak_ptr<void> /*hdl*/, std::string payload) {
+    CallbackRecord& self = instance();
+    {
+      const std::lock_guard<std::mutex> lock(self.mutex_);
+      self.payloads_.push_back(std::move(payload));
+      self.threads_.push_back(std::this_thread::get_id());
+    }
+    self.changed_.notify_all();
+  }
+  void clear() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    payloads_.clear();
+    threads_.clear();
+  }
+  // The payloads, once there are at least count of them (fewer after kWait).
+  std::vector<std::string> waitFor(std::size_t count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_for(lock, kWait, [&] { return payloads_.size() >= count; });
+    return payloads_;
+  }
+  std::vector<std::thread::id> threads() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return threads_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> payloads_;
+  std::vector<std::thread::id> threads_;
+};
+
+class LinkTest : public TempDirTest {
+ protected:
+  void SetUp() override {
+    TempDirTest::SetUp();
+    CallbackRecord::instance().clear();
+    log_ = std::make_unique<logFile>(static_cast<char>(0), path("log"));
+  }
+
+  void startServer(qavel::ServerOptions options = {}) {
+    server_ = std::make_unique<qavel::QavelServer>(std::move(options));
+    server_->start();
+  }
+
+  std::string uri() const { return "wss://127.0.0.1:" + std::to_string(server_->port()); }
+
+  // Connects and returns once the endpoint is open: the server's greeting reached the callback.
+  qavel::ConnectionInfo openLink(WSSEndpoint& endpoint) {
+    endpoint.setCallbackFctOnMessage(&CallbackRecord::callback);
+    endpoint.connect(uri());
+    const std::optional<qavel::ConnectionInfo> link = server_->waitForConnection(kWait);
+    if (!link) throw std::runtime_error("the endpoint did not connect");
+    server_->sendRaw("hello");
+    if (CallbackRecord::instance().waitFor(1).empty()) throw std::runtime_error("no greeting");
+    return *link;
+  }
+
+  std::string logText() { return readFile("log"); }
+
+  std::unique_ptr<logFile> log_;
+  std::unique_ptr<qavel::QavelServer> server_;
+};
