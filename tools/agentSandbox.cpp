@@ -23,16 +23,31 @@ namespace {
   throw std::system_error(errno, std::generic_category(), what);
 }
 
+// Closes the descriptor it was given when it goes out of scope.
+struct descriptor {
+  explicit descriptor(int value) : fd(value) {}
+  ~descriptor() {
+    if (fd >= 0) close(fd);
+  }
+  descriptor(const descriptor&) = delete;
+  descriptor& operator=(const descriptor&) = delete;
+  const int fd;
+};
+
 // The child's side of start(): only async-signal-safe calls, since the caller may have threads.
-[[noreturn]] void execAgent(int outputFd, int nullFd, char* const* argv) {
+// The agent leads a process group of its own so that the plugins it leaves behind can be killed
+// with it.
+[[noreturn]] void execAgent(int outputFd, int errorFd, int nullFd, char* const* argv,
+                            char* const* envp) {
+  if (setpgid(0, 0) == -1) _exit(126);
   if (dup2(nullFd, STDIN_FILENO) == -1 || dup2(outputFd, STDOUT_FILENO) == -1 ||
-      dup2(outputFd, STDERR_FILENO) == -1)
+      dup2(errorFd, STDERR_FILENO) == -1)
     _exit(126);
-  close_range(3, ~0U, 0);
   sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
-  execv(argv[0], argv);
+  if (close_range(3, ~0U, 0) == -1 || sigemptyset(&none) == -1 ||
+      sigprocmask(SIG_SETMASK, &none, nullptr) == -1)
+    _exit(126);
+  execve(argv[0], argv, envp);
   _exit(127);
 }
 
@@ -66,6 +81,8 @@ agentSandbox::~agentSandbox() {
     kill(pid_, SIGKILL);
     waitExit(std::chrono::seconds(10));
   }
+  // Plugins still running (a blocked one, say) hold files in the directory about to be removed.
+  if (pid_ > 0) kill(-pid_, SIGKILL);
   std::error_code ignored;
   fs::remove_all(dir_, ignored);
 }
@@ -100,8 +117,7 @@ void agentSandbox::removeKey(const std::string& section, const std::string& key)
   }
 }
 
-void agentSandbox::writeFile(const std::string& relative, const std::string& content,
-                             mode_t mode) {
+void agentSandbox::writeFile(const std::string& relative, const std::string& content, mode_t mode) {
   const fs::path target = path(relative);
   fs::create_directories(target.parent_path());
   {
@@ -124,6 +140,10 @@ void agentSandbox::addPlugin(const std::string& name, const std::string& sourceP
                               fs::perms::others_read | fs::perms::others_exec);
   pluginNames_.push_back(name);
   setPluginList(pluginNames_);
+}
+
+void agentSandbox::setEnvironment(const std::string& name, const std::string& value) {
+  environment_[name] = value;
 }
 
 void agentSandbox::setPluginList(const std::vector<std::string>& names) {
@@ -152,24 +172,31 @@ void agentSandbox::start(std::vector<std::string> arguments) {
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
 
-  const int outputFd =
-      open(path("agent.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (outputFd == -1) fail("open agent.out");
-  const int nullFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  if (nullFd == -1) {
-    close(outputFd);
-    fail("open /dev/null");
+  std::vector<std::string> variables;
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    const std::string text = *variable;
+    if (environment_.count(text.substr(0, text.find('='))) == 0) variables.push_back(text);
   }
+  for (const auto& [name, value] : environment_) variables.push_back(name + "=" + value);
+  std::vector<char*> envp;
+  for (std::string& variable : variables) envp.push_back(variable.data());
+  envp.push_back(nullptr);
+
+  const descriptor output(
+      open(path("agent.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (output.fd == -1) fail("open agent.out");
+  const descriptor errors(
+      open(path("agent.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (errors.fd == -1) fail("open agent.err");
+  const descriptor null(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  if (null.fd == -1) fail("open /dev/null");
   exitStatus_.reset();
   pid_ = fork();
-  if (pid_ == 0) execAgent(outputFd, nullFd, argv.data());
-  const int forkError = errno;
-  close(outputFd);
-  close(nullFd);
-  if (pid_ == -1) {
-    errno = forkError;
-    fail("fork");
-  }
+  if (pid_ == 0) execAgent(output.fd, errors.fd, null.fd, argv.data(), envp.data());
+  if (pid_ == -1) fail("fork");
+  // Also from this side, so that the group exists whichever process runs first. EACCES: the child
+  // has already executed, after its own call did it; ESRCH: it has already ended.
+  if (setpgid(pid_, pid_) == -1 && errno != EACCES && errno != ESRCH) fail("setpgid");
 }
 
 bool agentSandbox::running() {

@@ -25,7 +25,7 @@ class agentSandbox {
   // file in the sandbox, plugin directory <dir>/plugins, the given server URL, the real ip program,
   // two monitor workers, the serial number "SN-TEST-0001" and an empty plugin list.
   agentSandbox(Paths paths, const std::string& serverUrl, const std::string& parent = "/var/tmp");
-  // Kills an agent still running and removes the directory.
+  // Kills an agent still running, with the plugins it started, and removes the directory.
   ~agentSandbox();
   agentSandbox(const agentSandbox&) = delete;
   agentSandbox& operator=(const agentSandbox&) = delete;
@@ -46,11 +46,17 @@ class agentSandbox {
   // The plugin list (<dir>/etc/plugins.list), one name a line.
   void setPluginList(const std::vector<std::string>& names);
 
+  // A variable of the agent's environment, which is otherwise this process's own.
+  void setEnvironment(const std::string& name, const std::string& value);
+
   // Writes the configuration and starts the agent with `arguments` (default: -D -f
-  // /etc/nivo/qavel.conf); its standard output and error go to <dir>/agent.out.
+  // /etc/nivo/qavel.conf) in a process group of its own; its standard output goes to
+  // <dir>/agent.out and its standard error to <dir>/agent.err (until the agent itself sends its
+  // standard error to its standard output).
   void start(std::vector<std::string> arguments = {"-D", "-f", "/etc/nivo/qavel.conf"});
   pid_t pid() const { return pid_; }
   bool running();
+  // To the agent alone, not to the plugins it runs.
   void signal(int signo);
   // The raw wait status once the agent has ended, or nullopt after the timeout.
   std::optional<int> waitExit(std::chrono::milliseconds timeout);
@@ -58,6 +64,7 @@ class agentSandbox {
   std::string readFile(const std::string& relative) const;  // "" when missing
   std::string log() const { return readFile("agent.log"); }
   std::string output() const { return readFile("agent.out"); }
+  std::string errors() const { return readFile("agent.err"); }
   // True once the log holds `text`; polls until the timeout.
   bool waitForLog(const std::string& text, std::chrono::milliseconds timeout) const;
 
@@ -67,6 +74,7 @@ class agentSandbox {
   Paths paths_;
   std::string dir_;
   std::vector<std::string> pluginNames_;
+  std::map<std::string, std::string> environment_;
   // Section -> ordered (key, value) lines, written in insertion order.
   std::vector<std::pair<std::string, std::vector<std::pair<std::string, std::string>>>> config_;
   pid_t pid_ = -1;

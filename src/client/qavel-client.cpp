@@ -122,9 +122,8 @@ void publishPools(PoolThreadService* monitor, PoolThreadService* web) {
 // the agent stops meanwhile.
 PoolThreadService* poolFor(int priority) {
   std::unique_lock<std::mutex> guard(poolsLock);
-  poolsPublished.wait(guard, [] {
-    return (monitorPool != nullptr && webPool != nullptr) || die_orva != 0;
-  });
+  poolsPublished.wait(
+      guard, [] { return (monitorPool != nullptr && webPool != nullptr) || die_orva != 0; });
   return priority <= kWebPriorityMax ? webPool : monitorPool;
 }
 
@@ -211,8 +210,8 @@ Identity findIdentity(const std::string& ipCommand) {
     if (identity.interfaceName == "lo") continue;
     identity.mac = interfaces[i].get("address", "").asString();
     identity.ip = interfaces[i]["addr_info"][0].get("local", "").asString();
-    logLine(1, "Local interface: " + identity.interfaceName + " " + identity.mac + " " +
-                   identity.ip);
+    logLine(1,
+            "Local interface: " + identity.interfaceName + " " + identity.mac + " " + identity.ip);
     if (!identity.ip.empty()) break;
   }
   return identity;
@@ -294,6 +293,10 @@ void runAgent() {
   fileLog->write(1, "CREATE EXEC POOL");
   // std::stoi throws on an empty or non-numeric value: the agent cannot size its pool and ends.
   startPools(std::stoi(config.getKey("NIVO", "thread")));
+  // A stop run by another thread (a reply that failed on the network thread) just before the pools
+  // were published found none to stop; they run now, and joining the monitor pool at the end would
+  // wait for ever. Such a stop ends the agent here instead.
+  leaveIfStopped();
   fileLog->write(1, "Pool exec is running");
   writeLastExecTime();
 
