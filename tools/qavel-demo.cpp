@@ -22,7 +22,8 @@
 
 namespace {
 
-const char kUsage[] = R"(Usage: qavel-demo --agent FILE --sandbox-run FILE --plugin-dir DIR --sample-plugin FILE
+const char kUsage[] =
+    R"(Usage: qavel-demo --agent FILE --sandbox-run FILE --plugin-dir DIR --sample-plugin FILE
 Runs the NIVO agent against the bundled protocol peer and prints what it answers. Needs root
 (the agent runs in a private mount namespace so that its fixed paths point into a sandbox).
 )";
@@ -53,11 +54,16 @@ const std::vector<Order> kOrders = {
 
 const char* stateName(int code) {
   switch (code) {
-    case 0: return "OK";
-    case 1: return "WARNING";
-    case 2: return "CRITICAL";
-    case 3: return "UNKNOWN";
-    default: return "?";
+    case 0:
+      return "OK";
+    case 1:
+      return "WARNING";
+    case 2:
+      return "CRITICAL";
+    case 3:
+      return "UNKNOWN";
+    default:
+      return "?";
   }
 }
 
@@ -78,12 +84,24 @@ Options parseOptions(int argc, char** argv) {
   int c;
   while ((c = getopt_long(argc, argv, "h", kLong, nullptr)) != -1) {
     switch (c) {
-      case 'a': options.agent = optarg; break;
-      case 's': options.sandboxRun = optarg; break;
-      case 'p': options.pluginDir = optarg; break;
-      case 'x': options.samplePlugin = optarg; break;
-      case 'h': std::cout << kUsage; std::exit(0);
-      default: std::cerr << kUsage; std::exit(2);
+      case 'a':
+        options.agent = optarg;
+        break;
+      case 's':
+        options.sandboxRun = optarg;
+        break;
+      case 'p':
+        options.pluginDir = optarg;
+        break;
+      case 'x':
+        options.samplePlugin = optarg;
+        break;
+      case 'h':
+        std::cout << kUsage;
+        std::exit(0);
+      default:
+        std::cerr << kUsage;
+        std::exit(2);
     }
   }
   if (options.agent.empty() || options.sandboxRun.empty() || options.pluginDir.empty() ||
@@ -141,7 +159,8 @@ int runDemo(const Options& options) {
   }
 
   std::cout << std::left << std::setw(6) << "TASK" << std::setw(14) << "PLUGIN" << std::setw(10)
-            << "STATE" << std::setw(8) << "RETURN" << std::setw(8) << "STATUS" << "OUTPUT\n";
+            << "STATE" << std::setw(8) << "RETURN" << std::setw(8) << "STATUS"
+            << "OUTPUT\n";
   for (const Order& order : kOrders) {
     std::cout << std::setw(6) << order.taskId << std::setw(14) << order.plugin;
     const auto answer = answers.find(order.taskId);
