@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -14,9 +13,7 @@
 class TempDirTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/nivo-test-XXXXXX";
+    std::string pattern = std::filesystem::temp_directory_path() / "nivo-test-XXXXXX";
     ASSERT_NE(mkdtemp(pattern.data()), nullptr) << pattern;
     dir_ = pattern;
   }
@@ -26,15 +23,12 @@ class TempDirTest : public ::testing::Test {
   }
 
   std::string path(const std::string& name) const { return dir_ + "/" + name; }
-
   void writeFile(const std::string& name, const std::string& content) const {
     std::ofstream(path(name), std::ios::binary | std::ios::trunc) << content;
   }
-
   std::string readFile(const std::string& name) const {
-    std::ifstream in(path(name), std::ios::binary);
     std::ostringstream content;
-    content << in.rdbuf();
+    content << std::ifstream(path(name), std::ios::binary).rdbuf();
     return content.str();
   }
 

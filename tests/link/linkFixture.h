@@ -9,8 +9,8 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "../common/tempDirTest.h"
@@ -23,69 +23,53 @@ constexpr std::chrono::seconds kWait{10};
 // The callback is a plain function pointer, so what it receives is kept in one static record.
 class CallbackRecord {
  public:
-  static CallbackRecord& instance() {
-    static CallbackRecord record;
-    return record;
-  }
   static void callback(std::weak_ptr<void> /*hdl*/, std::string payload) {
-    CallbackRecord& self = instance();
     {
-      const std::lock_guard<std::mutex> lock(self.mutex_);
-      self.payloads_.push_back(std::move(payload));
-      self.threads_.push_back(std::this_thread::get_id());
+      const std::lock_guard<std::mutex> lock(mutex_);
+      payloads_.push_back(std::move(payload));
     }
-    self.changed_.notify_all();
+    changed_.notify_all();
   }
-  void clear() {
+  static void clear() {
     const std::lock_guard<std::mutex> lock(mutex_);
     payloads_.clear();
-    threads_.clear();
   }
   // The payloads, once there are at least count of them (fewer after kWait).
-  std::vector<std::string> waitFor(std::size_t count) {
+  static std::vector<std::string> waitFor(std::size_t count) {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait_for(lock, kWait, [&] { return payloads_.size() >= count; });
     return payloads_;
   }
-  std::vector<std::thread::id> threads() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return threads_;
-  }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> payloads_;
-  std::vector<std::thread::id> threads_;
+  static inline std::mutex mutex_;
+  static inline std::condition_variable changed_;
+  static inline std::vector<std::string> payloads_;
 };
 
 class LinkTest : public TempDirTest {
  protected:
   void SetUp() override {
     TempDirTest::SetUp();
-    CallbackRecord::instance().clear();
+    CallbackRecord::clear();
     log_ = std::make_unique<logFile>(static_cast<char>(0), path("log"));
   }
 
-  void startServer(qavel::ServerOptions options = {}) {
-    server_ = std::make_unique<qavel::QavelServer>(std::move(options));
-    server_->start();
-  }
-
-  std::string uri() const { return "wss://127.0.0.1:" + std::to_string(server_->port()); }
-
-  // Connects and returns once the endpoint is open: the server's greeting reached the callback.
+  // Starts the server, connects and returns once the endpoint is open: the server's greeting
+  // reached the callback.
   qavel::ConnectionInfo openLink(WSSEndpoint& endpoint) {
+    server_ = std::make_unique<qavel::QavelServer>();
+    server_->start();
     endpoint.setCallbackFctOnMessage(&CallbackRecord::callback);
-    endpoint.connect(uri());
+    endpoint.connect("wss://127.0.0.1:" + std::to_string(server_->port()));
     const std::optional<qavel::ConnectionInfo> link = server_->waitForConnection(kWait);
     if (!link) throw std::runtime_error("the endpoint did not connect");
     server_->sendRaw("hello");
-    if (CallbackRecord::instance().waitFor(1).empty()) throw std::runtime_error("no greeting");
+    if (CallbackRecord::waitFor(1).empty()) throw std::runtime_error("no greeting");
     return *link;
   }
 
-  std::string logText() { return readFile("log"); }
+  std::string logText() const { return readFile("log"); }
 
   std::unique_ptr<logFile> log_;
   std::unique_ptr<qavel::QavelServer> server_;

@@ -2,20 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <utility>
 
-TEST(Task, FreshTaskHasNoStatusAndDefaultPriority) {
-  const Task bare(7);
-  EXPECT_FALSE(bare.exec_isSuccess());
-  EXPECT_EQ(bare.ExecutionMessage(), "Status not defined");
-  EXPECT_EQ(bare.getPriority(), 5);
-  EXPECT_EQ(bare.getOutput(), "");
-  EXPECT_EQ(Task(7, "check_disk", "-w 80").getPriority(), 5);
-  EXPECT_EQ(Task(7, "check_disk", "-w 80", 2).getPriority(), 2);
-}
-
 TEST(Task, ExecutionMessageFollowsStatusTable) {
+  const Task fresh(7, "check_disk", "-w 80");
+  EXPECT_EQ(fresh.ExecutionMessage(), "Status not defined");
+  EXPECT_FALSE(fresh.exec_isSuccess());
   const std::pair<int, const char*> table[] = {
       {0, "Execution success"},
       {1, "Executable not found"},
@@ -36,26 +28,8 @@ TEST(Task, ExecutionMessageFollowsStatusTable) {
   }
 }
 
-// The command word is not copied; it has no getter, so this proves the rest travels.
-TEST(Task, CopyKeepsEverythingButTheCommand) {
-  auto connection = std::make_shared<int>(0);
-  Task task(17, "check_disk", "-w 80", 3);
-  task.setCommand("EXEC");
-  task.setOutput("DISK OK\n");
-  task.setReturn(2);
-  task.setExecutionStatus(4);
-  task.setSendExecTime(timeval{12, 34});
-  task.setConnectionHDL(connection);
-
-  const Task copy(task);
-  EXPECT_EQ(copy.getTaskId(), 17);
-  EXPECT_EQ(copy.getName(), "check_disk");
-  EXPECT_EQ(copy.getParameter(), "-w 80");
-  EXPECT_EQ(copy.getPriority(), 3);
-  EXPECT_EQ(copy.getOutput(), "DISK OK\n");
-  EXPECT_EQ(copy.getReturn(), 2);
-  EXPECT_EQ(copy.getExecutionStatus(), 4);
-  EXPECT_EQ(copy.getSendExecTime().tv_sec, 12);
-  EXPECT_EQ(copy.getSendExecTime().tv_usec, 34);
-  EXPECT_EQ(copy.getConnectionHDL().lock(), connection);
+TEST(Task, PriorityIsFiveUnlessGiven) {
+  EXPECT_EQ(Task(7).getPriority(), 5);
+  EXPECT_EQ(Task(7, "check_disk", "-w 80").getPriority(), 5);
+  EXPECT_EQ(Task(7, "check_disk", "-w 80", 2).getPriority(), 2);
 }
