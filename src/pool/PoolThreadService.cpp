@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <system_error>
 
 namespace {
 constexpr int kAttempts = 3;
@@ -74,7 +75,14 @@ void PoolThreadService::executeService(std::shared_ptr<service> s) {
   if (queue_->size() > kBacklogPerWorker * poolSize_) {
     trace(0, "Create New Thread, new size" + std::to_string(poolSize_.load()));
     const int number = ++poolSize_;
-    startWorker(number);
+    try {
+      startWorker(number);
+    } catch (const std::system_error& e) {
+      // The system refuses another thread (a task, memory or address-space limit). The order
+      // stays queued for the workers there are, and growth is tried again at the next order.
+      --poolSize_;
+      trace(4, std::string("Create New Thread failed: ") + e.what());
+    }
   }
 }
 

@@ -1,0 +1,132 @@
+// A burst of orders with a trivial plugin: every one is answered exactly once, and the agent gives
+// back the descriptors and reaps the children it used. Prints the figures of the run: throughput,
+// peak memory and peak thread count (the pools grow with the backlog and never shrink).
+#include <atomic>
+#include <iostream>
+
+#include "faultFixture.h"
+
+namespace faults {
+namespace {
+
+// A sanitized agent forks about ten times slower.
+constexpr int kOrders = kSanitized ? 1000 : 10000;
+
+// Samples the agent's thread count on a thread of its own until destroyed; keeps the highest.
+class ThreadCountSampler {
+ public:
+  explicit ThreadCountSampler(pid_t pid)
+      : thread_([this, pid] {
+          while (!stop_) {
+            const long threads = ProcessProbe::status(pid, "Threads");
+            if (threads > peak_) peak_ = threads;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+          }
+        }) {}
+  ~ThreadCountSampler() {
+    stop_ = true;
+    thread_.join();
+  }
+  ThreadCountSampler(const ThreadCountSampler&) = delete;
+  ThreadCountSampler& operator=(const ThreadCountSampler&) = delete;
+
+  long peak() const { return peak_; }
+
+ private:
+  std::atomic<bool> stop_{false};
+  std::atomic<long> peak_{0};
+  std::thread thread_;  // last: started once the counters exist
+};
+
+class BurstTest : public FaultTest {};
+
+TEST_F(BurstTest, EveryOrderOfBurstIsAnsweredExactlyOnce) {
+  sandbox_->addPlugin("check_dummy", NIVO_MONITORING_PLUGIN_DIR "/check_dummy");
+  ASSERT_TRUE(launchAndWarmUp(kProductionArguments));
+  const pid_t agent = sandbox_->pid();
+  const int idleDescriptors = ProcessProbe::descriptors(agent);
+  const int idleChildren = ProcessProbe::children(agent);
+  const long idleThreads = ProcessProbe::status(agent, "Threads");
+  const long idleResident = ProcessProbe::status(agent, "VmRSS");
+
+  ThreadCountSampler sampler(agent);
+  const auto start = Clock::now();
+  // Priorities 1 to 9: both pools get their share.
+  for (int id = 1; id <= kOrders; ++id) server_->sendExec(id, "check_dummy", "0 OK", 1 + id % 9);
+  const auto sent = Clock::now();
+  ASSERT_TRUE(waitForAnswersWhileTheyCome(1 + kOrders))
+      << answers_.tasks() - 1 << " of " << kOrders << " orders answered";
+  const double seconds = std::chrono::duration<double>(answers_.lastArrival() - start).count();
+
+  const auto all = answers_.all();
+  EXPECT_EQ(answers_.total(), all.size()) << "some order was answered more than once";
+  for (int id = 1; id <= kOrders; ++id) {
+    const auto found = all.find(id);
+    ASSERT_NE(found, all.end()) << "task " << id;
+    EXPECT_EQ(found->second, std::vector<Json::Value>{answer(0, id, "OK: OK\n", 0)});
+  }
+
+  // The last answer leaves before its worker has closed the pipe and reaped the plugin.
+  int descriptors = -1;
+  int children = -1;
+  EXPECT_TRUE(eventually([&] {
+    descriptors = ProcessProbe::descriptors(agent);
+    children = ProcessProbe::children(agent);
+    return descriptors == idleDescriptors && children == idleChildren;
+  })) << descriptors
+      << " descriptors (idle " << idleDescriptors << "), " << children << " children (idle "
+      << idleChildren << ")";
+
+  std::cout << "burst of " << kOrders << " orders: sent in "
+            << std::chrono::duration<double>(sent - start).count() << " s, all answered in "
+            << seconds << " s, " << static_cast<long>(kOrders / seconds) << " orders/s\n"
+            << "agent: VmRSS idle " << idleResident << " kB, VmHWM "
+            << ProcessProbe::status(agent, "VmHWM") << " kB, VmRSS after "
+            << ProcessProbe::status(agent, "VmRSS") << " kB; threads idle " << idleThreads
+            << ", peak " << sampler.peak() << ", after " << ProcessProbe::status(agent, "Threads")
+            << "; descriptors idle " << idleDescriptors << ", children idle " << idleChildren
+            << std::endl;
+  EXPECT_TRUE(sandbox_->running());
+}
+
+// The system caps the number of threads a process may have: a task limit of the service manager,
+// the kernel's maximum, the address space that every thread's stack takes a share of. A burst
+// that makes the pools grow into the cap must leave the agent running and every order answered by
+// the workers that it has. Here the cap is an address-space limit, set by prlimit before it runs
+// the agent.
+class ThreadLimitTest : public FaultTest {
+ protected:
+  void SetUp() override {
+    if (kSanitized) GTEST_SKIP() << "a sanitizer's shadow memory needs an unlimited address space";
+    FaultTest::SetUp();
+  }
+  std::string program() const override { return "/usr/bin/prlimit"; }
+};
+
+TEST_F(ThreadLimitTest, BurstThatOutgrowsThreadLimitLeavesEveryOrderAnswered) {
+  // About 1 GB: room for the idle agent (under 200 MB) and a hundred-odd 8 MB thread stacks, far
+  // fewer than the burst's backlog asks for.
+  constexpr long kAddressSpace = 1L << 30;
+  constexpr int kBurst = 2000;
+  sandbox_->addPlugin("check_dummy", NIVO_MONITORING_PLUGIN_DIR "/check_dummy");
+  std::vector<std::string> arguments = {"--as=" + std::to_string(kAddressSpace), NIVO_AGENT_PATH};
+  arguments.insert(arguments.end(), kProductionArguments.begin(), kProductionArguments.end());
+  ASSERT_TRUE(launchAndWarmUp(arguments));
+
+  int sent = 0;
+  try {
+    for (; sent < kBurst; ++sent) server_->sendExec(sent + 1, "check_dummy", "0 OK", 5);
+  } catch (const qavel::ServerError& e) {
+    ADD_FAILURE() << "the link closed after " << sent << " orders (" << e.what() << ")";
+  }
+  EXPECT_TRUE(waitForAnswersWhileTheyCome(1 + kBurst))
+      << answers_.tasks() - 1 << " of " << kBurst << " orders answered";
+  EXPECT_TRUE(sandbox_->running()) << "agent " << describe(sandbox_->waitExit(kWait)) << "\n"
+                                   << sandbox_->output();
+  EXPECT_EQ(answers_.total(), answers_.tasks()) << "some order was answered more than once";
+  std::cout << "threads under the limit: " << ProcessProbe::status(sandbox_->pid(), "Threads")
+            << std::endl;
+}
+
+}  // namespace
+}  // namespace faults
