@@ -113,14 +113,6 @@ Expected expect(const std::string& frame) {
   return {};
 }
 
-bool parseStrictly(const std::string& text, Json::Value& root) {
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  std::istringstream in(text);
-  std::string errors;
-  return Json::parseFromStream(builder, in, &root, &errors);
-}
-
 void checkAnswer(const std::string& text, const Expected& e) {
   Json::Value answer;
   FUZZ_CHECK(parseStrictly(text, answer));

@@ -19,14 +19,6 @@ namespace {
 
 constexpr int kTaskId = 17;
 
-bool parseStrictly(const std::string& text, Json::Value& root) {
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  std::istringstream in(text);
-  std::string errors;
-  return Json::parseFromStream(builder, in, &root, &errors);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -239,3 +239,10 @@ bool agentSandbox::waitForLog(const std::string& text, std::chrono::milliseconds
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }
+
+std::string agentSandbox::describeEnd(const std::optional<int>& waitStatus) {
+  if (!waitStatus) return "still running";
+  if (WIFEXITED(*waitStatus)) return "exit status " + std::to_string(WEXITSTATUS(*waitStatus));
+  if (WIFSIGNALED(*waitStatus)) return "killed by signal " + std::to_string(WTERMSIG(*waitStatus));
+  return "stopped";
+}

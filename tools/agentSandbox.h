@@ -60,6 +60,8 @@ class agentSandbox {
   void signal(int signo);
   // The raw wait status once the agent has ended, or nullopt after the timeout.
   std::optional<int> waitExit(std::chrono::milliseconds timeout);
+  // "exit status N", "killed by signal N", "stopped" or, without a status, "still running".
+  static std::string describeEnd(const std::optional<int>& waitStatus);
 
   std::string readFile(const std::string& relative) const;  // "" when missing
   std::string log() const { return readFile("agent.log"); }

@@ -112,16 +112,6 @@ Options parseOptions(int argc, char** argv) {
   return options;
 }
 
-void describeEnd(int status, std::chrono::milliseconds after) {
-  std::cout << "agent ended after " << after.count() << " ms: ";
-  if (WIFEXITED(status)) {
-    std::cout << "exit status " << WEXITSTATUS(status) << "\n";
-  } else if (WIFSIGNALED(status)) {
-    std::cout << "killed by signal " << WTERMSIG(status) << " (" << strsignal(WTERMSIG(status))
-              << ")\n";
-  }
-}
-
 int runDemo(const Options& options) {
   qavel::ServerOptions serverOptions;
   serverOptions.registerReply = qavel::RegisterReply::withStatus(0);
@@ -190,7 +180,8 @@ int runDemo(const Options& options) {
     std::cerr << "qavel-demo: the agent did not stop within 15 s\n";
     return 1;
   }
-  describeEnd(*status, after);
+  std::cout << "agent ended after " << after.count() << " ms: " << agentSandbox::describeEnd(status)
+            << "\n";
   if (const auto close = server.waitForClose(std::chrono::seconds(5)))
     std::cout << "server saw the link closed with code " << close->code << " \"" << close->reason
               << "\"\n";

@@ -519,6 +519,16 @@ std::optional<Json::Value> parseJsonDocument(const std::string& text) {
   return std::nullopt;
 }
 
+Json::Value execResponse(int status, int taskId, const std::string& output, int returnCode) {
+  Json::Value document;
+  document["COMMAND"] = "EXEC-RESPONSE";
+  document["STATUS"] = status;
+  document["TASK"]["TASKID"] = taskId;
+  document["TASK"]["OUTPUT"] = output;
+  document["TASK"]["RETURN"] = returnCode;
+  return document;
+}
+
 Json::Value parseExecOrder(const std::string& text) {
   const std::size_t start = text.find_first_not_of(" \t");
   if (start != std::string::npos && text[start] == '{') {

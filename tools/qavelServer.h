@@ -107,6 +107,9 @@ class QavelServer {
 // {"COMMAND":"EXEC","TASK":{"NAME","PARAMETER","PRIORITY","TASKID"}}.
 Json::Value execOrder(int taskId, const std::string& name, const std::string& parameter,
                       int priority);
+// {"COMMAND":"EXEC-RESPONSE","STATUS":status,"TASK":{"OUTPUT","RETURN","TASKID"}}, as the agent
+// answers an order.
+Json::Value execResponse(int status, int taskId, const std::string& output, int returnCode);
 // One whole JSON document (nothing after it), or nullopt.
 std::optional<Json::Value> parseJsonDocument(const std::string& text);
 // "TASKID NAME PRIORITY [PARAMETER...]" (the parameter is the rest of the text, kept as written)

@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "../common/eventually.h"
 #include "agentSandbox.h"
 #include "qavelServer.h"
 
@@ -45,33 +46,6 @@ const std::string kStarting = "STATUS=STARTING             \nREGISTER=NONE      
 const std::string kConnecting = "STATUS=CONNECTING           \nREGISTER=NONE               \n";
 const std::string kRegistering = "STATUS=REGISTERING          \nREGISTER=NONE               \n";
 const std::string kRunning = "STATUS=RUNNING              \nREGISTER=OK                 \n";
-
-template <typename Condition>
-bool eventually(Condition condition, std::chrono::steady_clock::duration limit = kWait) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
-}
-
-std::string describe(const std::optional<int>& status) {
-  if (!status) return "still running";
-  if (WIFEXITED(*status)) return "exit status " + std::to_string(WEXITSTATUS(*status));
-  if (WIFSIGNALED(*status)) return "killed by signal " + std::to_string(WTERMSIG(*status));
-  return "stopped";
-}
-
-Json::Value answer(int status, int taskId, const std::string& output, int returnCode) {
-  Json::Value document;
-  document["COMMAND"] = "EXEC-RESPONSE";
-  document["STATUS"] = status;
-  document["TASK"]["TASKID"] = taskId;
-  document["TASK"]["OUTPUT"] = output;
-  document["TASK"]["RETURN"] = returnCode;
-  return document;
-}
 
 bool isAnswer(const qavel::ReceivedFrame& frame) {
   return frame.isJson && frame.json.isObject() && frame.json["COMMAND"] == "EXEC-RESPONSE";
@@ -226,7 +200,7 @@ TEST_F(AgentTest, WithoutArgumentsUsesDefaultConfigurationAndLogsFromNotice) {
   sandbox_->start({});
   ASSERT_FALSE(server_->waitForFrames(1, kWait).empty());
   server_->sendExec(3, "plugin_exit", "quiet", 5);
-  EXPECT_EQ(answerTo(3), answer(0, 3, "quiet\n", 0));
+  EXPECT_EQ(answerTo(3), qavel::execResponse(0, 3, "quiet\n", 0));
   const std::string log = sandbox_->log();
   EXPECT_NE(log.find("#NOTICE#NIVO SN: SN-TEST-0001\n"), std::string::npos) << log;
   EXPECT_EQ(log.find("#DEBUG#"), std::string::npos) << log;
@@ -276,7 +250,7 @@ TEST_F(AgentTest, StatusRecordAndLastExecutionTimeFollowTheRun) {
   sandbox_->removeFile("tmp/lastexec");
   const std::time_t beforeOrder = std::time(nullptr);
   server_->sendExec(7, "plugin_exit", "done", 5);
-  ASSERT_EQ(answerTo(7), answer(0, 7, "done\n", 0));
+  ASSERT_EQ(answerTo(7), qavel::execResponse(0, 7, "done\n", 0));
   ASSERT_TRUE(eventually(stampWritten));
   expectStampSince(beforeOrder);
 }
@@ -315,12 +289,13 @@ TEST_F(AgentTest, OrdersThatCannotRunAreAnsweredAtOnce) {
   const std::string badPriority = "NIVO  JSON exception " + asIntFailure(Json::Value("x"));
   const std::pair<std::string, Json::Value> cases[] = {
       {R"({"COMMAND":"EXEC","TASK":{"TASKID":31,"NAME":"check_foo","PARAMETER":"","PRIORITY":5}})",
-       answer(2, 31, "EXEC plugin: error plugin not defined check_foo", -1)},
-      {R"({"COMMAND":"EXEC"})", answer(2, 0, "EXEC plugin: error plugin not defined ", -1)},
+       qavel::execResponse(2, 31, "EXEC plugin: error plugin not defined check_foo", -1)},
+      {R"({"COMMAND":"EXEC"})",
+       qavel::execResponse(2, 0, "EXEC plugin: error plugin not defined ", -1)},
       {R"({"COMMAND":"EXEC","TASK":{"TASKID":"17","NAME":"plugin_exit","PRIORITY":5}})",
-       answer(255, 0, badTaskId, -2)},
+       qavel::execResponse(255, 0, badTaskId, -2)},
       {R"({"COMMAND":"EXEC","TASK":{"TASKID":33,"NAME":"plugin_exit","PRIORITY":"x"}})",
-       answer(255, 33, badPriority, -2)},
+       qavel::execResponse(255, 33, badPriority, -2)},
   };
   std::size_t count = 0;
   for (const auto& [order, expected] : cases) {
@@ -336,7 +311,7 @@ TEST_F(AgentTest, FrameThatIsNotJsonIsIgnored) {
   ASSERT_TRUE(launchRunning());
   server_->sendRaw("this is not json");
   server_->sendExec(41, "plugin_exit", "'still here'", 5);
-  EXPECT_EQ(answerTo(41), answer(0, 41, "still here\n", 0));
+  EXPECT_EQ(answerTo(41), qavel::execResponse(0, 41, "still here\n", 0));
   EXPECT_EQ(server_->waitForFrames(0, std::chrono::milliseconds(0)).size(), 2u)
       << "anything beyond REGISTER and the one answer";
   EXPECT_TRUE(logHas("Receive message this is not json"));
@@ -352,13 +327,13 @@ TEST_F(AgentTest, SlowWebOrderDoesNotHoldBackPriorityFiveOrder) {
   server_->sendExec(2, "plugin_exit", "'behind the slow one'", 4);
   server_->sendExec(3, "plugin_exit", "urgent", 5);
 
-  EXPECT_EQ(answerTo(3), answer(0, 3, "urgent\n", 0));
+  EXPECT_EQ(answerTo(3), qavel::execResponse(0, 3, "urgent\n", 0));
   EXPECT_EQ(answers(0).size(), 1u) << "the web pool's one worker is still held";
   sandbox_->writeFile("release", "");
   const std::vector<Json::Value> got = answers(3);
   ASSERT_EQ(got.size(), 3u);
-  EXPECT_EQ(got[1], answer(0, 1, "released\n", 0));
-  EXPECT_EQ(got[2], answer(0, 2, "behind the slow one\n", 0));
+  EXPECT_EQ(got[1], qavel::execResponse(0, 1, "released\n", 0));
+  EXPECT_EQ(got[2], qavel::execResponse(0, 2, "behind the slow one\n", 0));
 }
 
 TEST_F(AgentTest, EveryOneOfManyOrdersIsAnsweredExactlyOnce) {
@@ -371,7 +346,7 @@ TEST_F(AgentTest, EveryOneOfManyOrdersIsAnsweredExactlyOnce) {
   for (const Json::Value& one : got) {
     const int id = one["TASK"]["TASKID"].asInt();
     ++timesAnswered[id];
-    EXPECT_EQ(one, answer(0, id, "task-" + std::to_string(id) + "\n", 0));
+    EXPECT_EQ(one, qavel::execResponse(0, id, "task-" + std::to_string(id) + "\n", 0));
   }
   EXPECT_EQ(got.size(), static_cast<std::size_t>(kOrders));
   EXPECT_EQ(timesAnswered.size(), static_cast<std::size_t>(kOrders));
@@ -399,7 +374,7 @@ TEST_P(RegistrationRefusedTest, AgentEndsWithStatusZero) {
   qavel::ServerOptions options;
   options.registerReply = GetParam().reply;
   launch(options);
-  EXPECT_EQ(describe(sandbox_->waitExit(kWait)), kExitedNormally);
+  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kWait)), kExitedNormally);
   EXPECT_TRUE(logHas("BAD register status receive by server (quit): \n"));
 }
 
@@ -420,7 +395,7 @@ TEST_P(RegistrationAcceptedTest, AgentKeepsRunningAndAnswersOrders) {
   ASSERT_TRUE(launchRunning(options));
   server_->sendExec(5, "plugin_exit", "accepted", 5);
   // The reply to REGISTER was handled before this order, on the same thread.
-  EXPECT_EQ(answerTo(5), answer(0, 5, "accepted\n", 0));
+  EXPECT_EQ(answerTo(5), qavel::execResponse(0, 5, "accepted\n", 0));
   EXPECT_TRUE(sandbox_->running());
   EXPECT_FALSE(logHas("BAD register"));
 }
@@ -434,7 +409,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(AgentTest, SigtermStopsRunningAgentAndClosesLinkNormally) {
   ASSERT_TRUE(launchRunning());
   sandbox_->signal(SIGTERM);
-  EXPECT_EQ(describe(sandbox_->waitExit(kStopWait)), kExitedNormally);
+  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kStopWait)), kExitedNormally);
   const std::optional<qavel::CloseInfo> closed = server_->waitForClose(kWait);
   ASSERT_TRUE(closed);
   EXPECT_EQ(closed->code, 1000);
@@ -452,7 +427,7 @@ TEST_F(AgentTest, SigtermEndsAgentWithoutWaitingForRunningPlugin) {
   server_->sendExec(1, "pool_block", started + " " + sandbox_->path("never"), 1);
   ASSERT_TRUE(eventually([&] { return std::filesystem::exists(started); }));
   sandbox_->signal(SIGTERM);
-  EXPECT_EQ(describe(sandbox_->waitExit(kStopWait)), kExitedNormally);
+  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kStopWait)), kExitedNormally);
   // The plugin, in the agent's process group, outlives the agent.
   EXPECT_EQ(kill(-sandbox_->pid(), 0), 0);
 }
@@ -467,7 +442,7 @@ TEST_F(AgentTest, LinkLostWhileReportingStopsAgentAtOnce) {
   ASSERT_TRUE(server_->waitForClose(kWait));
   sandbox_->writeFile("release", "");
   // Not at the next ping, up to 40 s later: the failed report stops the agent.
-  EXPECT_EQ(describe(sandbox_->waitExit(kStopWait)), kExitedNormally);
+  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kStopWait)), kExitedNormally);
   const std::string log = sandbox_->log();
   const std::size_t failure = log.find(kLinkFailure);
   ASSERT_NE(failure, std::string::npos);
@@ -479,8 +454,8 @@ TEST_F(AgentTest, OrderArrivingBeforePoolsExistIsRunOnceTheyDo) {
   options.execOrders = {qavel::execOrder(8, "plugin_exit", "early", 5),
                         qavel::execOrder(9, "plugin_exit", "early-web", 1)};
   launch(options);
-  EXPECT_EQ(answerTo(8), answer(0, 8, "early\n", 0));
-  EXPECT_EQ(answerTo(9), answer(0, 9, "early-web\n", 0));
+  EXPECT_EQ(answerTo(8), qavel::execResponse(0, 8, "early\n", 0));
+  EXPECT_EQ(answerTo(9), qavel::execResponse(0, 9, "early-web\n", 0));
 }
 
 TEST_F(AgentTest, SigtermWhileIdentityIsReadEndsStartUpCleanly) {
@@ -490,7 +465,7 @@ TEST_F(AgentTest, SigtermWhileIdentityIsReadEndsStartUpCleanly) {
       eventually([&] { return std::filesystem::exists(sandbox_->path("tmp/ip-started")); }));
   sandbox_->signal(SIGTERM);
   sandbox_->writeFile("tmp/ip-release", "");
-  EXPECT_EQ(describe(sandbox_->waitExit(kStopWait)), kExitedNormally);
+  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kStopWait)), kExitedNormally);
   EXPECT_TRUE(logHas(kStopText + "15\n"));
   EXPECT_EQ(sandbox_->readFile("status"), kConnecting);
   EXPECT_FALSE(server_->waitForConnection(std::chrono::milliseconds(0)));
@@ -500,14 +475,14 @@ TEST_F(AgentTest, SigtermWhileRegisteringEndsStartUpCleanly) {
   launch();
   ASSERT_TRUE(sandbox_->waitForLog("end connect function: ", kWait));
   sandbox_->signal(SIGTERM);
-  EXPECT_EQ(describe(sandbox_->waitExit(kStopWait)), kExitedNormally);
+  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kStopWait)), kExitedNormally);
   EXPECT_TRUE(logHas(kStopText + "15\n"));
 }
 
 TEST_F(AgentTest, AgentEndsAtNextPingOnceServerClosesLink) {
   ASSERT_TRUE(launchRunning());
   server_->closeLink(1000, "server going away");
-  EXPECT_EQ(describe(sandbox_->waitExit(kPingWait)), kExitedNormally);
+  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kPingWait)), kExitedNormally);
   EXPECT_TRUE(logHas(kLinkFailure));
 }
 
@@ -523,7 +498,7 @@ TEST_F(AgentTest, EmptyServerUrlIsTakenFromDroppedFile) {
 struct StartupFailure {
   const char* name;
   std::function<void(agentSandbox&)> prepare;
-  std::string ending;        // how the process ends, as describe() puts it
+  std::string ending;        // how the process ends, as agentSandbox::describeEnd() puts it
   std::string text;          // in the log, or on standard error when there is no log
   std::string statusRecord;  // the record left in place; empty when no status file is named
   std::vector<std::string> arguments = {"-D", "-f", "/etc/nivo/qavel.conf"};
@@ -540,7 +515,7 @@ TEST_P(StartupFailureTest, EndsAsDesigned) {
   sandbox_->setKey("NIVO", "server_url", "wss://" + serverAddress());
   failure.prepare(*sandbox_);
   sandbox_->start(failure.arguments);
-  EXPECT_EQ(describe(sandbox_->waitExit(kWait)), failure.ending);
+  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kWait)), failure.ending);
   const std::string log = sandbox_->log();
   const std::string written = log.empty() ? sandbox_->errors() : log;
   EXPECT_NE(written.find(failure.text), std::string::npos) << written;

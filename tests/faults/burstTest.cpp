@@ -63,7 +63,7 @@ TEST_F(BurstTest, EveryOrderOfBurstIsAnsweredExactlyOnce) {
   for (int id = 1; id <= kOrders; ++id) {
     const auto found = all.find(id);
     ASSERT_NE(found, all.end()) << "task " << id;
-    EXPECT_EQ(found->second, std::vector<Json::Value>{answer(0, id, "OK: OK\n", 0)});
+    EXPECT_EQ(found->second, std::vector<Json::Value>{qavel::execResponse(0, id, "OK: OK\n", 0)});
   }
 
   // The last answer leaves before its worker has closed the pipe and reaped the plugin.
@@ -121,8 +121,9 @@ TEST_F(ThreadLimitTest, BurstThatOutgrowsThreadLimitLeavesEveryOrderAnswered) {
   }
   EXPECT_TRUE(waitForAnswersWhileTheyCome(1 + kBurst))
       << answers_.tasks() - 1 << " of " << kBurst << " orders answered";
-  EXPECT_TRUE(sandbox_->running()) << "agent " << describe(sandbox_->waitExit(kWait)) << "\n"
-                                   << sandbox_->output();
+  EXPECT_TRUE(sandbox_->running())
+      << "agent " << agentSandbox::describeEnd(sandbox_->waitExit(kWait)) << "\n"
+      << sandbox_->output();
   EXPECT_EQ(answers_.total(), answers_.tasks()) << "some order was answered more than once";
   std::cout << "threads under the limit: " << ProcessProbe::status(sandbox_->pid(), "Threads")
             << std::endl;

@@ -23,23 +23,6 @@ std::string tail(const std::string& text, std::size_t bytes = 16384) {
 
 }  // namespace
 
-std::string describe(const std::optional<int>& waitStatus) {
-  if (!waitStatus) return "still running";
-  if (WIFEXITED(*waitStatus)) return "exit status " + std::to_string(WEXITSTATUS(*waitStatus));
-  if (WIFSIGNALED(*waitStatus)) return "killed by signal " + std::to_string(WTERMSIG(*waitStatus));
-  return "stopped";
-}
-
-Json::Value answer(int status, int taskId, const std::string& output, int returnCode) {
-  Json::Value document;
-  document["COMMAND"] = "EXEC-RESPONSE";
-  document["STATUS"] = status;
-  document["TASK"]["TASKID"] = taskId;
-  document["TASK"]["OUTPUT"] = output;
-  document["TASK"]["RETURN"] = returnCode;
-  return document;
-}
-
 void AnswerBook::record(const qavel::ReceivedFrame& frame) {
   if (!frame.isJson || !frame.json.isObject()) return;
   const Json::Value& command = frame.json["COMMAND"];
@@ -186,7 +169,7 @@ void FaultTest::launch(qavel::ServerOptions options, const std::vector<std::stri
   // Sent at once: an order that arrives before the pools exist waits for them.
   server_->sendExec(kWarmUpTask, "plugin_exit", "warm", 5);
   const std::vector<Json::Value> got = answers_.waitFor(kWarmUpTask);
-  if (got.size() != 1 || got[0] != answer(0, kWarmUpTask, "warm\n", 0))
+  if (got.size() != 1 || got[0] != qavel::execResponse(0, kWarmUpTask, "warm\n", 0))
     return ::testing::AssertionFailure() << "the warm-up order was not answered once, correctly";
   return ::testing::AssertionSuccess();
 }

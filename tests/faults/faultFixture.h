@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "../common/eventually.h"
 #include "agentSandbox.h"
 #include "qavelServer.h"
 
@@ -37,23 +38,6 @@ const std::string kExitedNormally = "exit status 0";
 // the log three times over, and a burst would add a dozen lines per order.
 const std::vector<std::string> kDebugArguments = {"-D", "-f", "/etc/nivo/qavel.conf"};
 const std::vector<std::string> kProductionArguments = {"-f", "/etc/nivo/qavel.conf"};
-
-// Polls `condition` every few milliseconds until it holds (true) or `limit` has passed (false).
-template <typename Condition>
-bool eventually(Condition condition, Clock::duration limit = kWait) {
-  const auto deadline = Clock::now() + limit;
-  while (!condition()) {
-    if (Clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
-// "exit status N", "killed by signal N", "still running" or "stopped".
-std::string describe(const std::optional<int>& waitStatus);
-
-// {"COMMAND":"EXEC-RESPONSE","STATUS":...,"TASK":{"OUTPUT","RETURN","TASKID"}}.
-Json::Value answer(int status, int taskId, const std::string& output, int returnCode);
 
 // Every "EXEC-RESPONSE" the peer receives, by task identifier, as it arrives. Fed from the peer's
 // frame callback so that thousands of answers are counted without copying the frame list.

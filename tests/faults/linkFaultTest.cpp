@@ -122,7 +122,7 @@ TEST_F(LinkFaultTest, ServerKilledWhileOrdersRunEndsAgentWithStatusZero) {
   server.killNow();
   const auto killed = Clock::now();
   release("release");
-  EXPECT_EQ(describe(sandbox_->waitExit(kPingWait)), kExitedNormally);
+  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kPingWait)), kExitedNormally);
   std::cout << "agent ended "
             << std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - killed).count()
             << " ms after the server was killed" << std::endl;
@@ -150,7 +150,7 @@ TEST_P(OpeningFaultTest, AgentEndsWithStatusZeroBeforeRegistering) {
   RawPeer peer(GetParam().behaviour, GetParam().reply);
   sandbox_->setKey("NIVO", "server_url", "wss://127.0.0.1:" + std::to_string(peer.port()));
   sandbox_->start();
-  EXPECT_EQ(describe(sandbox_->waitExit(kWait)), kExitedNormally);
+  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kWait)), kExitedNormally);
   EXPECT_TRUE(logHas(kLinkFailure + "Error sending message: " + GetParam().error + "\n"));
   EXPECT_FALSE(logHas("REGISTER SUCCESS"));
   EXPECT_EQ(sandbox_->readFile("status"), kRegistering);
@@ -187,7 +187,8 @@ TEST_F(LinkFaultTest, ServerThatSelectsNoSubprotocolIsServedLikeAnyOther) {
   EXPECT_EQ(link->selectedSubprotocol, "");
   ASSERT_TRUE(answers_.waitForRegister());
   server_->sendExec(1, "plugin_exit", "served", 5);
-  EXPECT_EQ(answers_.waitFor(1), std::vector<Json::Value>{answer(0, 1, "served\n", 0)});
+  EXPECT_EQ(answers_.waitFor(1),
+            std::vector<Json::Value>{qavel::execResponse(0, 1, "served\n", 0)});
   EXPECT_TRUE(sandbox_->running());
 }
 
@@ -210,7 +211,7 @@ TEST_F(LinkFaultTest, ResultTooLargeForServerEndsAgentAtNextPing) {
   std::cout << "agent memory, " << kOutputBytes << "-byte output: idle VmRSS " << idle
             << " kB, VmHWM " << ProcessProbe::status(agent, "VmHWM") << " kB, VmRSS after " << after
             << " kB" << std::endl;
-  EXPECT_EQ(describe(sandbox_->waitExit(kPingWait)), kExitedNormally);
+  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kPingWait)), kExitedNormally);
   EXPECT_TRUE(logHas(kLinkFailure));
   EXPECT_EQ(answers_.waitFor(1, std::chrono::seconds(0)).size(), 0u);
 }
@@ -222,7 +223,7 @@ TEST_F(LinkFaultTest, FrameTooLargeForAgentEndsAgentAtNextPing) {
   ASSERT_TRUE(launchAndWarmUp(kProductionArguments));
   server_->sendRaw(std::string(33 * 1000 * 1000, ' '));
   EXPECT_TRUE(server_->waitForClose(kWait));
-  EXPECT_EQ(describe(sandbox_->waitExit(kPingWait)), kExitedNormally);
+  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kPingWait)), kExitedNormally);
   EXPECT_TRUE(logHas(kLinkFailure));
 }
 

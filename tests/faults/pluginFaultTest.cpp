@@ -32,8 +32,8 @@ class PluginFaultTest : public FaultTest {
     for (int id = firstId; id < firstId + count; ++id) {
       const auto found = all.find(id);
       ASSERT_NE(found, all.end()) << "task " << id << " not answered";
-      EXPECT_EQ(found->second,
-                std::vector<Json::Value>{answer(0, id, "task-" + std::to_string(id) + "\n", 0)});
+      EXPECT_EQ(found->second, std::vector<Json::Value>{qavel::execResponse(
+                                   0, id, "task-" + std::to_string(id) + "\n", 0)});
     }
   }
 
@@ -65,15 +65,16 @@ TEST_F(PluginFaultTest, PluginsThatHoldOrCrashLeaveEveryOtherOrderAnswered) {
   expectOrdinaryAnswers(100, kOrdinary);
   // Three attempts, each ended by the signal; the last one's texts are reported.
   EXPECT_EQ(answers_.waitFor(5),
-            std::vector<Json::Value>{answer(
+            std::vector<Json::Value>{qavel::execResponse(
                 0, 5, "Error: orva can't execute " + sandbox_->path("plugins/fault_segv"), 3)});
   EXPECT_TRUE(waitForMarker("closed")) << "the third holding order never got a worker";
   EXPECT_TRUE(answers_.waitFor(2, std::chrono::seconds(0)).empty());
   EXPECT_TRUE(answers_.waitFor(3, std::chrono::seconds(0)).empty());
 
   release("release");
-  EXPECT_EQ(answers_.waitFor(2), std::vector<Json::Value>{answer(0, 2, "foreground done\n", 0)});
-  EXPECT_EQ(answers_.waitFor(3), std::vector<Json::Value>{answer(0, 3, "early\n", 2)});
+  EXPECT_EQ(answers_.waitFor(2),
+            std::vector<Json::Value>{qavel::execResponse(0, 2, "foreground done\n", 0)});
+  EXPECT_EQ(answers_.waitFor(3), std::vector<Json::Value>{qavel::execResponse(0, 3, "early\n", 2)});
   EXPECT_EQ(answers_.total(), answers_.all().size()) << "a task was answered twice";
   const auto all = answers_.all();
   EXPECT_EQ(all.count(1) + all.count(4), 0u) << "a plugin that never ends was answered";
@@ -90,7 +91,8 @@ TEST_F(PluginFaultTest, LargeOutputIsSentWholeWhileOtherOrdersGoOn) {
   sendOrdinaryOrders(100, 20);
   const std::vector<Json::Value> got = answers_.waitFor(1);
   ASSERT_EQ(got.size(), 1u);
-  EXPECT_TRUE(got[0] == answer(0, 1, bigOutput(kLargeOutput), 0)) << "the large answer differs";
+  EXPECT_TRUE(got[0] == qavel::execResponse(0, 1, bigOutput(kLargeOutput), 0))
+      << "the large answer differs";
   ASSERT_TRUE(answers_.waitForTasks(1 + 1 + 20));
   expectOrdinaryAnswers(100, 20);
 }

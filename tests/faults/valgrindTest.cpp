@@ -47,7 +47,8 @@ class ValgrindTest : public FaultTest {
       if (!eventually([&] { return registered() || !sandbox_->running(); }, kValgrindWait))
         return false;
       if (registered()) return true;
-      EXPECT_EQ(describe(sandbox_->waitExit(std::chrono::seconds(0))), kExitedNormally);
+      EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(std::chrono::seconds(0))),
+                kExitedNormally);
       EXPECT_TRUE(logHas(kLinkFailure + "Error sending message: invalid state\n"));
     }
     return false;
@@ -73,11 +74,12 @@ TEST_F(ValgrindTest, ShortSessionHasNoMemoryErrorAndNoDefiniteLeak) {
   server_->sendRaw(R"({"COMMAND":"EXEC","TASK":{"TASKID":"4","NAME":"plugin_exit"}})");
   server_->sendExec(5, "plugin_silent", "", 5);  // three failed attempts, then the answer
   EXPECT_TRUE(answers_.waitForTasks(5, kValgrindWait));
-  EXPECT_EQ(answers_.waitFor(1), std::vector<Json::Value>{answer(0, 1, "first\n", 0)});
-  EXPECT_EQ(answers_.waitFor(2), std::vector<Json::Value>{answer(0, 2, "from the web pool\n", 1)});
+  EXPECT_EQ(answers_.waitFor(1), std::vector<Json::Value>{qavel::execResponse(0, 1, "first\n", 0)});
+  EXPECT_EQ(answers_.waitFor(2),
+            std::vector<Json::Value>{qavel::execResponse(0, 2, "from the web pool\n", 1)});
 
   sandbox_->signal(SIGTERM);
-  EXPECT_EQ(describe(sandbox_->waitExit(kValgrindWait)), kExitedNormally);
+  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kValgrindWait)), kExitedNormally);
   for (const pid_t run : runs_) {
     const std::string memcheck = sandbox_->readFile("memcheck." + std::to_string(run));
     SCOPED_TRACE("memcheck of agent " + std::to_string(run));

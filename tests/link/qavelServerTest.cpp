@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "../pool/eventually.h"
+#include "../common/eventually.h"
 #include "linkFixture.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "../common/tempDirTest.h"
-#include "eventually.h"
+#include "../common/eventually.h"
 
 namespace {
 

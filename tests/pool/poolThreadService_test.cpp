@@ -14,7 +14,7 @@
 
 #include "../common/tempDirTest.h"
 #include "common/logFile.h"
-#include "eventually.h"
+#include "../common/eventually.h"
 #include "service/service.h"
 
 namespace {

@@ -7,7 +7,7 @@
 
 template <typename Condition>
 bool eventually(Condition condition,
-                std::chrono::steady_clock::duration limit = std::chrono::seconds(20)) {
+                std::chrono::steady_clock::duration limit = std::chrono::seconds(30)) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
