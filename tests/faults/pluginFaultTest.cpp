@@ -1,11 +1,9 @@
 // Plugins that misbehave: never end, leave a background process on their output, close their output
 // and run on, crash, or print tens of megabytes. Each holds at most its own worker; every other
 // order is answered, correctly, once; and the agent's memory goes back to its idle size.
-#include <iostream>
+#include "faultTest.h"
 
-#include "faultFixture.h"
-
-namespace faults {
+namespace agentTest {
 namespace {
 
 // What plugin_big.sh prints for `bytes`.
@@ -28,26 +26,18 @@ class PluginFaultTest : public FaultTest {
 
   // Each of them answered exactly once, with its own output.
   void expectOrdinaryAnswers(int firstId, int count) {
-    const auto all = answers_.all();
-    for (int id = firstId; id < firstId + count; ++id) {
-      const auto found = all.find(id);
-      ASSERT_NE(found, all.end()) << "task " << id << " not answered";
-      EXPECT_EQ(found->second, std::vector<Json::Value>{qavel::execResponse(
-                                   0, id, "task-" + std::to_string(id) + "\n", 0)});
-    }
+    auto all = AnswerBook::byTask(answers_.wait(0));
+    for (int id = firstId; id < firstId + count; ++id)
+      EXPECT_EQ(all[id], once(qavel::execResponse(0, id, "task-" + std::to_string(id) + "\n", 0)));
   }
-
-  // The agent's resident memory in kB.
-  long residentKb() const { return ProcessProbe::status(sandbox_->pid(), "VmRSS"); }
 };
 
 // Orders that block reach the workers first; the pools grow only when more than four orders per
 // worker wait, so enough ordinary orders follow to make them grow past the held workers.
 TEST_F(PluginFaultTest, PluginsThatHoldOrCrashLeaveEveryOtherOrderAnswered) {
-  addPlugin("fault_forever", "fault_forever.sh");
-  addPlugin("fault_background", "fault_background.sh");
-  addPlugin("fault_close_stdout", "fault_close_stdout.sh");
-  addPlugin("fault_segv", "fault_segv.sh");
+  for (const char* plugin :
+       {"fault_forever", "fault_background", "fault_close_stdout", "fault_segv"})
+    addPlugin(plugin, std::string(plugin) + ".sh");
   ASSERT_TRUE(launchAndWarmUp());
 
   server_->sendExec(1, "fault_forever", marker("forever-monitor"), 5);
@@ -61,63 +51,54 @@ TEST_F(PluginFaultTest, PluginsThatHoldOrCrashLeaveEveryOtherOrderAnswered) {
 
   constexpr int kOrdinary = 100;
   sendOrdinaryOrders(100, kOrdinary);
-  ASSERT_TRUE(answers_.waitForTasks(1 + kOrdinary + 1)) << "warm-up, ordinary orders, crash";
+  ASSERT_EQ(answers_.wait(1 + kOrdinary + 1).size(), 1u + kOrdinary + 1)
+      << "warm-up, ordinary orders, crash";
   expectOrdinaryAnswers(100, kOrdinary);
   // Three attempts, each ended by the signal; the last one's texts are reported.
-  EXPECT_EQ(answers_.waitFor(5),
-            std::vector<Json::Value>{qavel::execResponse(
-                0, 5, "Error: orva can't execute " + sandbox_->path("plugins/fault_segv"), 3)});
+  EXPECT_EQ(answers_.to(5),
+            once(qavel::execResponse(
+                0, 5, "Error: orva can't execute " + sandbox_->path("plugins/fault_segv"), 3)));
   EXPECT_TRUE(waitForMarker("closed")) << "the third holding order never got a worker";
-  EXPECT_TRUE(answers_.waitFor(2, std::chrono::seconds(0)).empty());
-  EXPECT_TRUE(answers_.waitFor(3, std::chrono::seconds(0)).empty());
+  EXPECT_TRUE(answers_.to(2, std::chrono::seconds(0)).empty());
+  EXPECT_TRUE(answers_.to(3, std::chrono::seconds(0)).empty());
 
   release("release");
-  EXPECT_EQ(answers_.waitFor(2),
-            std::vector<Json::Value>{qavel::execResponse(0, 2, "foreground done\n", 0)});
-  EXPECT_EQ(answers_.waitFor(3), std::vector<Json::Value>{qavel::execResponse(0, 3, "early\n", 2)});
-  EXPECT_EQ(answers_.total(), answers_.all().size()) << "a task was answered twice";
-  const auto all = answers_.all();
+  EXPECT_EQ(answers_.to(2), once(qavel::execResponse(0, 2, "foreground done\n", 0)));
+  EXPECT_EQ(answers_.to(3), once(qavel::execResponse(0, 3, "early\n", 2)));
+  const auto all = answeredOnce();
   EXPECT_EQ(all.count(1) + all.count(4), 0u) << "a plugin that never ends was answered";
   EXPECT_TRUE(sandbox_->running());
 }
 
-// As JSON, under the peer's 32 MB limit. A sanitized agent takes about a second per megabyte.
-constexpr std::size_t kLargeOutput = (kSanitized ? 4u : 24u) * 1024 * 1024;
-
-TEST_F(PluginFaultTest, LargeOutputIsSentWholeWhileOtherOrdersGoOn) {
+// glibc's allocator keeps memory that worker threads freed unless it is told otherwise; an agent
+// that kept every output's peak would sit on it for the rest of its life, on every host.
+TEST_F(PluginFaultTest, LargeOutputIsSentWholeWhileOtherOrdersGoOnAndItsMemoryIsGivenBack) {
+  // As JSON, under the peer's 32 MB limit. A sanitized agent takes about a second per megabyte.
+  constexpr std::size_t kLargeOutput = (kSanitized ? 4u : 24u) * 1024 * 1024;
   addPlugin("plugin_big", "plugin_big.sh");
   ASSERT_TRUE(launchAndWarmUp(kProductionArguments));
+  const pid_t agent = sandbox_->pid();
+  const long idle = procStatus(agent, "VmRSS");
+  const long idlePeak = procStatus(agent, "VmHWM");
+
   server_->sendExec(1, "plugin_big", std::to_string(kLargeOutput), 5);
   sendOrdinaryOrders(100, 20);
-  const std::vector<Json::Value> got = answers_.waitFor(1);
+  const std::vector<Json::Value> got = answers_.to(1);
   ASSERT_EQ(got.size(), 1u);
   EXPECT_TRUE(got[0] == qavel::execResponse(0, 1, bigOutput(kLargeOutput), 0))
       << "the large answer differs";
-  ASSERT_TRUE(answers_.waitForTasks(1 + 1 + 20));
+  ASSERT_EQ(answers_.wait(1 + 1 + 20).size(), 1u + 1 + 20);
   expectOrdinaryAnswers(100, 20);
-}
 
-// glibc's allocator keeps memory that worker threads freed unless it is told otherwise; an agent
-// that kept every output's peak would sit on it for the rest of its life, on every host.
-TEST_F(PluginFaultTest, MemoryReturnsToIdleSizeOnceLargeOutputIsSent) {
-  if (kSanitized) GTEST_SKIP() << "the sanitizer's allocator keeps freed memory in quarantine";
-  constexpr long kToleranceKb = 8 * 1024;
-  addPlugin("plugin_big", "plugin_big.sh");
-  ASSERT_TRUE(launchAndWarmUp(kProductionArguments));
-  const long idle = residentKb();
-  const long idlePeak = ProcessProbe::status(sandbox_->pid(), "VmHWM");
-
-  server_->sendExec(1, "plugin_big", std::to_string(kLargeOutput), 5);
-  ASSERT_EQ(answers_.waitFor(1).size(), 1u);
-  long after = residentKb();
+  if (kSanitized) return;  // the sanitizer's allocator keeps freed memory in quarantine
+  long after = -1;
   const bool returned =
-      eventually([&] { return (after = residentKb()) <= idle + kToleranceKb; }, kWait);
-  const long peak = ProcessProbe::status(sandbox_->pid(), "VmHWM");
+      eventually([&] { return (after = procStatus(agent, "VmRSS")) <= idle + 8 * 1024; }, kWait);
   std::cout << "agent memory, " << kLargeOutput << "-byte output: idle VmRSS " << idle
-            << " kB (VmHWM " << idlePeak << " kB), VmHWM " << peak << " kB, VmRSS after " << after
-            << " kB" << std::endl;
+            << " kB (VmHWM " << idlePeak << " kB), VmHWM " << procStatus(agent, "VmHWM")
+            << " kB, VmRSS after " << after << " kB" << std::endl;
   EXPECT_TRUE(returned) << "VmRSS stays at " << after << " kB, idle was " << idle << " kB";
 }
 
 }  // namespace
-}  // namespace faults
+}  // namespace agentTest

@@ -1,15 +1,11 @@
 // A short session of the agent under valgrind's memcheck: registration, a few orders of every kind,
 // then SIGTERM. No memory error and no definite leak. The agent ends through _exit on purpose (a
 // web worker may still be running a plugin), so what its globals still reach is not a leak.
-#include <signal.h>
-
-#include <iostream>
 #include <regex>
 
-#include "faultFixture.h"
-#include "testCertificate.h"
+#include "faultTest.h"
 
-namespace faults {
+namespace agentTest {
 namespace {
 
 // Memcheck runs the agent some twenty times slower.
@@ -47,8 +43,7 @@ class ValgrindTest : public FaultTest {
       if (!eventually([&] { return registered() || !sandbox_->running(); }, kValgrindWait))
         return false;
       if (registered()) return true;
-      EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(std::chrono::seconds(0))),
-                kExitedNormally);
+      EXPECT_EQ(ending(std::chrono::seconds(0)), kExitedNormally);
       EXPECT_TRUE(logHas(kLinkFailure + "Error sending message: invalid state\n"));
     }
     return false;
@@ -59,12 +54,12 @@ class ValgrindTest : public FaultTest {
 
 TEST_F(ValgrindTest, ShortSessionHasNoMemoryErrorAndNoDefiniteLeak) {
   addPlugin("plugin_silent", "plugin_silent.sh");
-  const TestCertificate certificate;
+  ASSERT_TRUE(makeCertificate(sandbox_->dir()));
   qavel::ServerOptions options;
-  options.certFile = certificate.certificateFile();
-  options.keyFile = certificate.keyFile();
+  options.certFile = sandbox_->path("cert.pem");
+  options.keyFile = sandbox_->path("key.pem");
   startServer(options);
-  sandbox_->setKey("NIVO", "server_url", serverUrl());
+  sandbox_->setKey("NIVO", "server_url", "wss://" + serverAddress());
   ASSERT_TRUE(startRegisteredAgent()) << "no run registered in " << runs_.size() << " attempts";
 
   server_->sendExec(1, "plugin_exit", "first", 5);
@@ -73,13 +68,12 @@ TEST_F(ValgrindTest, ShortSessionHasNoMemoryErrorAndNoDefiniteLeak) {
   server_->sendRaw("not json");
   server_->sendRaw(R"({"COMMAND":"EXEC","TASK":{"TASKID":"4","NAME":"plugin_exit"}})");
   server_->sendExec(5, "plugin_silent", "", 5);  // three failed attempts, then the answer
-  EXPECT_TRUE(answers_.waitForTasks(5, kValgrindWait));
-  EXPECT_EQ(answers_.waitFor(1), std::vector<Json::Value>{qavel::execResponse(0, 1, "first\n", 0)});
-  EXPECT_EQ(answers_.waitFor(2),
-            std::vector<Json::Value>{qavel::execResponse(0, 2, "from the web pool\n", 1)});
+  EXPECT_EQ(answers_.wait(5, kValgrindWait).size(), 5u);
+  EXPECT_EQ(answers_.to(1), once(qavel::execResponse(0, 1, "first\n", 0)));
+  EXPECT_EQ(answers_.to(2), once(qavel::execResponse(0, 2, "from the web pool\n", 1)));
 
   sandbox_->signal(SIGTERM);
-  EXPECT_EQ(agentSandbox::describeEnd(sandbox_->waitExit(kValgrindWait)), kExitedNormally);
+  EXPECT_EQ(ending(kValgrindWait), kExitedNormally);
   for (const pid_t run : runs_) {
     const std::string memcheck = sandbox_->readFile("memcheck." + std::to_string(run));
     SCOPED_TRACE("memcheck of agent " + std::to_string(run));
@@ -92,4 +86,4 @@ TEST_F(ValgrindTest, ShortSessionHasNoMemoryErrorAndNoDefiniteLeak) {
 }
 
 }  // namespace
-}  // namespace faults
+}  // namespace agentTest

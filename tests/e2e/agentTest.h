@@ -1,0 +1,191 @@
+// Fixture of the tests that run the real agent: one qavel-client in a sandbox of its own, the
+// protocol peer on 127.0.0.1, and a book of the answers the peer receives.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "../common/eventually.h"
+#include "agentSandbox.h"
+#include "qavelServer.h"
+
+namespace agentTest {
+
+using Clock = std::chrono::steady_clock;
+
+// Bounds the waits of a failing test; a passing one goes on as soon as its condition holds. Wide,
+// because a sanitized agent starts and forks slowly.
+constexpr std::chrono::seconds kWait{30};
+// A lost link that no result reveals is noticed at the agent's next keep-alive ping, 40 s apart.
+constexpr std::chrono::seconds kPingWait{60};
+
+const std::string kPlugins = NIVO_TEST_PLUGIN_DIR;
+const std::string kLinkFailure = "NIVO  QAVEL Link exception ";
+const std::string kExitedNormally = "exit status 0";
+const std::vector<std::string> kDebugArguments = {"-D", "-f", "/etc/nivo/qavel.conf"};
+
+// Every "EXEC-RESPONSE" the peer receives, in arrival order. Fed from the peer's frame callback, so
+// that thousands of answers are counted without copying the peer's frame list each time.
+class AnswerBook {
+ public:
+  void record(const qavel::ReceivedFrame& frame) {
+    if (!frame.isJson || !frame.json.isObject()) return;
+    {
+      const std::lock_guard<std::mutex> guard(lock_);
+      if (frame.json["COMMAND"] == "REGISTER")
+        registered_ = true;
+      else if (frame.json["COMMAND"] == "EXEC-RESPONSE")
+        answers_.push_back(frame.json);
+      else
+        return;
+      lastArrival_ = Clock::now();
+    }
+    changed_.notify_all();
+  }
+
+  bool waitForRegister(Clock::duration limit = kWait) {
+    std::unique_lock<std::mutex> guard(lock_);
+    return changed_.wait_for(guard, limit, [this] { return registered_; });
+  }
+
+  // The answers, once there are at least `count` of them (fewer after the limit).
+  std::vector<Json::Value> wait(std::size_t count, Clock::duration limit = kWait) {
+    std::unique_lock<std::mutex> guard(lock_);
+    changed_.wait_for(guard, limit, [&] { return answers_.size() >= count; });
+    return answers_;
+  }
+
+  // Every answer to `taskId`, once there is one.
+  std::vector<Json::Value> to(int taskId, Clock::duration limit = kWait) {
+    const auto mine = [&] {
+      std::vector<Json::Value> found;
+      for (const Json::Value& answer : answers_)
+        if (answer["TASK"]["TASKID"] == taskId) found.push_back(answer);
+      return found;
+    };
+    std::unique_lock<std::mutex> guard(lock_);
+    changed_.wait_for(guard, limit, [&] { return !mine().empty(); });
+    return mine();
+  }
+
+  std::size_t size() const {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return answers_.size();
+  }
+
+  Clock::time_point lastArrival() const {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return lastArrival_;
+  }
+
+  static std::map<int, std::vector<Json::Value>> byTask(const std::vector<Json::Value>& answers) {
+    std::map<int, std::vector<Json::Value>> found;
+    for (const Json::Value& answer : answers) {
+      const Json::Value& id = answer["TASK"]["TASKID"];
+      found[id.isInt() ? id.asInt() : -1].push_back(answer);
+    }
+    return found;
+  }
+
+ private:
+  mutable std::mutex lock_;
+  std::condition_variable changed_;
+  std::vector<Json::Value> answers_;
+  bool registered_ = false;
+  Clock::time_point lastArrival_;
+};
+
+// What an order answered exactly once has received.
+inline std::vector<Json::Value> once(Json::Value answer) { return {std::move(answer)}; }
+
+class AgentTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0)
+      GTEST_SKIP() << "needs root: each agent runs in a private mount namespace of its own";
+    sandbox_ = std::make_unique<agentSandbox>(agentSandbox::Paths{program(), NIVO_SANDBOX_RUN}, "");
+    addPlugin("plugin_exit", "plugin_exit.sh");
+    // What a ThreadSanitizer build of the agent reports by design; other builds ignore it.
+    const char* const inherited = std::getenv("TSAN_OPTIONS");
+    const std::string options =
+        inherited != nullptr && *inherited != '\0' ? std::string(inherited) + ":" : std::string();
+    sandbox_->setEnvironment("TSAN_OPTIONS",
+                             options + "suppressions=" NIVO_AGENT_TSAN_SUPPRESSIONS);
+  }
+
+  void TearDown() override {
+    if (sandbox_ == nullptr) return;
+    // A sanitizer's report from the agent is a fault even when the test saw what it wanted.
+    const std::string printed = sandbox_->output() + sandbox_->errors();
+    for (const char* mark : {"Sanitizer", "runtime error"})
+      EXPECT_EQ(printed.find(mark), std::string::npos) << tail(printed);
+    if (HasFailure())
+      std::cerr << "---- agent log\n"
+                << tail(sandbox_->log()) << "---- agent output\n"
+                << tail(printed);
+  }
+
+  // What the sandbox starts: the agent, or a program that runs it.
+  virtual std::string program() const { return NIVO_AGENT_PATH; }
+
+  void startServer(qavel::ServerOptions options = {}) {
+    options.onFrame = [this](const qavel::ReceivedFrame& frame) { answers_.record(frame); };
+    server_ = std::make_unique<qavel::QavelServer>(std::move(options));
+    server_->start();
+  }
+
+  std::string serverAddress() const { return "127.0.0.1:" + std::to_string(server_->port()); }
+
+  // Starts the peer and an agent configured to reach it.
+  void launch(qavel::ServerOptions options = {},
+              const std::vector<std::string>& arguments = kDebugArguments) {
+    startServer(std::move(options));
+    sandbox_->setKey("NIVO", "server_url", "wss://" + serverAddress());
+    sandbox_->start(arguments);
+  }
+
+  // Launches and waits until the agent has registered and its pools run.
+  ::testing::AssertionResult launchRunning(qavel::ServerOptions options = {}) {
+    launch(std::move(options));
+    if (sandbox_->waitForLog("Pool exec is running", kWait)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "the agent did not reach its run phase";
+  }
+
+  void addPlugin(const std::string& name, const std::string& file) {
+    sandbox_->addPlugin(name, kPlugins + "/" + file);
+  }
+
+  bool logHas(const std::string& text) const {
+    return sandbox_->log().find(text) != std::string::npos;
+  }
+
+  // How the agent ended, as agentSandbox::describeEnd() puts it.
+  std::string ending(std::chrono::milliseconds limit) {
+    return agentSandbox::describeEnd(sandbox_->waitExit(limit));
+  }
+
+  // Declared in this order so that the agent goes before the peer (an agent that outlived its peer
+  // would see a lost link) and the peer before the book that its callback fills.
+  AnswerBook answers_;
+  std::unique_ptr<qavel::QavelServer> server_;
+  std::unique_ptr<agentSandbox> sandbox_;
+
+ private:
+  // The last bytes of a text: a failing test's log may hold plugin outputs of many megabytes.
+  static std::string tail(const std::string& text, std::size_t bytes = 16384) {
+    return text.size() <= bytes ? text : "[...]\n" + text.substr(text.size() - bytes);
+  }
+};
+
+}  // namespace agentTest
