@@ -101,21 +101,6 @@ class Descriptor {
   const int fd_;
 };
 
-long wholeNumber(const std::string& text, long lowest, long highest, const std::string& what) {
-  std::size_t used = 0;
-  long value = 0;
-  try {
-    value = std::stol(text, &used);
-  } catch (const std::logic_error&) {
-    used = 0;
-  }
-  if (text.empty() || used != text.size() || value < lowest || value > highest) {
-    throw qavel::ServerError("bad " + what + " '" + text + "': want a number from " +
-                             std::to_string(lowest) + " to " + std::to_string(highest));
-  }
-  return value;
-}
-
 struct CommandLine {
   qavel::ServerOptions server;
   bool once = false;
@@ -148,7 +133,7 @@ CommandLine parseCommandLine(int argc, char** argv) {
           options.address = optarg;
           break;
         case 'p':
-          options.port = static_cast<std::uint16_t>(wholeNumber(optarg, 0, 65535, "port"));
+          options.port = static_cast<std::uint16_t>(qavel::wholeNumber(optarg, 0, 65535, "port"));
           break;
         case kCert:
           options.certFile = optarg;
@@ -222,7 +207,7 @@ bool runCommand(qavel::QavelServer& server, const std::string& line, Console& co
       arguments >> code;
       std::string reason;
       std::getline(arguments >> std::ws, reason);
-      server.closeLink(static_cast<std::uint16_t>(wholeNumber(code, 0, 65535, "close code")),
+      server.closeLink(static_cast<std::uint16_t>(qavel::wholeNumber(code, 0, 65535, "close code")),
                        reason);
     } else if (command == "drop") {
       server.dropConnection();

@@ -18,6 +18,7 @@
 #include <deque>
 #include <functional>
 #include <future>
+#include <limits>
 #include <mutex>
 #include <set>
 #include <sstream>
@@ -487,23 +488,20 @@ Json::Value execOrder(int taskId, const std::string& name, const std::string& pa
   return order;
 }
 
-namespace {
-
-int wholeNumber(const std::string& word, const char* what) {
+long wholeNumber(const std::string& text, long lowest, long highest, const std::string& what) {
   std::size_t used = 0;
-  int value = 0;
+  long value = 0;
   try {
-    value = std::stoi(word, &used);
+    value = std::stol(text, &used);
   } catch (const std::logic_error&) {
     used = 0;
   }
-  if (used == 0 || used != word.size()) {
-    throw ServerError(std::string("bad ") + what + " '" + word + "': not a whole number");
+  if (text.empty() || used != text.size() || value < lowest || value > highest) {
+    throw ServerError("bad " + what + " '" + text + "': want a number from " +
+                      std::to_string(lowest) + " to " + std::to_string(highest));
   }
   return value;
 }
-
-}  // namespace
 
 std::optional<Json::Value> parseJsonDocument(const std::string& text) {
   Json::CharReaderBuilder builder;
@@ -545,8 +543,11 @@ Json::Value parseExecOrder(const std::string& text) {
   }
   std::string parameter;
   std::getline(words >> std::ws, parameter);
-  return execOrder(wholeNumber(taskId, "TASKID"), name, parameter,
-                   wholeNumber(priority, "PRIORITY"));
+  constexpr long kLowest = std::numeric_limits<int>::min();
+  constexpr long kHighest = std::numeric_limits<int>::max();
+  return execOrder(static_cast<int>(wholeNumber(taskId, kLowest, kHighest, "TASKID")), name,
+                   parameter,
+                   static_cast<int>(wholeNumber(priority, kLowest, kHighest, "PRIORITY")));
 }
 
 std::string frameLine(const ReceivedFrame& frame) {

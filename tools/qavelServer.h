@@ -110,6 +110,8 @@ Json::Value execOrder(int taskId, const std::string& name, const std::string& pa
 // {"COMMAND":"EXEC-RESPONSE","STATUS":status,"TASK":{"OUTPUT","RETURN","TASKID"}}, as the agent
 // answers an order.
 Json::Value execResponse(int status, int taskId, const std::string& output, int returnCode);
+// The whole of `text` as a decimal number in [lowest, highest]; throws ServerError naming `what`.
+long wholeNumber(const std::string& text, long lowest, long highest, const std::string& what);
 // One whole JSON document (nothing after it), or nullopt.
 std::optional<Json::Value> parseJsonDocument(const std::string& text);
 // "TASKID NAME PRIORITY [PARAMETER...]" (the parameter is the rest of the text, kept as written)

@@ -143,9 +143,7 @@ int WSSEndpoint::connect(const std::string& uri) {
     websocketpp::lib::error_code ec;
     const client::connection_ptr con = endpoint_.get_connection(uri, ec);
     if (ec) {
-      const std::string text = "connect function initialization error: " + ec.message();
-      Trace(4, text);
-      throw WSSEndpointException(text);
+      fail("connect function initialization error: " + ec.message());
     }
     con->add_subprotocol("qavel");
     con->set_message_handler([this](websocketpp::connection_hdl hdl, client::message_ptr msg) {
@@ -177,9 +175,7 @@ std::shared_ptr<boost::asio::ssl::context> WSSEndpoint::enableSSLMode(
                          ssl::context::single_dh_use);
     Trace(0, "enableSSLMode SSL OK");
   } catch (const std::exception& e) {
-    const std::string text = std::string("SSLException: error in init session ") + e.what();
-    Trace(4, text);
-    throw WSSEndpointException(text);
+    fail(std::string("SSLException: error in init session ") + e.what());
   }
   return context;
 }
@@ -210,9 +206,7 @@ void WSSEndpoint::send(std::string text) {
     return second;
   });
   if (ec) {
-    const std::string error = "Error sending message: " + ec.message();
-    Trace(4, error);
-    throw WSSEndpointException(error);
+    fail("Error sending message: " + ec.message());
   }
   Trace(0, "send function end");
 }
@@ -225,9 +219,7 @@ void WSSEndpoint::ping() {
     return code;
   });
   if (ec) {
-    const std::string error = "Error sending message: " + ec.message();
-    Trace(4, error);
-    throw WSSEndpointException(error);
+    fail("Error sending message: " + ec.message());
   }
   Trace(0, "send ping function end");
 }
@@ -239,9 +231,7 @@ void WSSEndpoint::close(std::uint16_t code, std::string reason) {
     return result;
   });
   if (ec) {
-    const std::string error = "Error initiating close: " + ec.message();
-    Trace(4, error);
-    throw WSSEndpointException(error);
+    fail("Error initiating close: " + ec.message());
   }
 }
 
@@ -253,6 +243,11 @@ void WSSEndpoint::registerQAVEL(std::string sn, std::string ip, std::string mac)
   message["MAC"] = mac;
   Trace(0, "register function: ");
   send(message.toStyledString());
+}
+
+void WSSEndpoint::fail(const std::string& text) {
+  Trace(4, text);
+  throw WSSEndpointException(text);
 }
 
 void WSSEndpoint::Trace(int level, std::string text) {

@@ -49,6 +49,8 @@ class WSSEndpoint {
 
  private:
   void setUp();
+  // Logs `text` at level 4 and throws it as a WSSEndpointException.
+  [[noreturn]] void fail(const std::string& text);
   // Runs the operation on the network thread and returns its result; a failure comes back as a
   // WSSEndpointException with its text.
   template <typename Operation>
