@@ -1,0 +1,78 @@
+#include "agentSettings.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "../common/iniConfig.h"
+
+namespace {
+
+// A whole decimal number from 0 to `max`, nothing around it. Unlike the base keys' lenient
+// conversion, "6O" or "-1" here is refused rather than read as 6 or a huge unsigned value: a
+// limit that silently became something else would be worse than no limit.
+bool parseCount(const std::string& text, unsigned long long max, unsigned long long& value) {
+  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return false;
+  errno = 0;
+  value = std::strtoull(text.c_str(), nullptr, 10);
+  return errno == 0 && value <= max;
+}
+
+class KeyReader {
+ public:
+  KeyReader(iniConfig& config, std::vector<std::string>& problems)
+      : config_(config), problems_(problems) {}
+
+  // 0 when absent or empty; `fallback` (and a problem line) when the value is unusable.
+  unsigned long long count(const char* section, const char* key, unsigned long long max,
+                           unsigned long long fallback = 0) {
+    const std::string text = config_.getKey(section, key);
+    if (text.empty()) return fallback;
+    unsigned long long value = 0;
+    if (parseCount(text, max, value)) return value;
+    problems_.push_back(std::string(section) + "/" + key + ": '" + text +
+                        "' is not a whole number from 0 to " + std::to_string(max) +
+                        "; the key is ignored");
+    return fallback;
+  }
+
+  bool flag(const char* section, const char* key) { return count(section, key, 1) == 1; }
+
+  // The path when it names a readable file; "" otherwise.
+  std::string readableFile(const char* section, const char* key) {
+    const std::string path = config_.getKey(section, key);
+    if (path.empty() || ::access(path.c_str(), R_OK) == 0) return path;
+    problems_.push_back(std::string(section) + "/" + key + ": cannot read " + path + ": " +
+                        std::strerror(errno) + "; the key is ignored");
+    return "";
+  }
+
+ private:
+  iniConfig& config_;
+  std::vector<std::string>& problems_;
+};
+
+// Bounds that keep every later conversion (seconds to milliseconds, a worker count) in range.
+constexpr unsigned long long kMaxSeconds = 24 * 3600;
+constexpr unsigned long long kMaxWorkers = 100000;
+constexpr unsigned long long kMaxOutput = 1ULL << 30;
+
+}  // namespace
+
+AgentSettings readAgentSettings(iniConfig& config, std::vector<std::string>& problems) {
+  KeyReader keys(config, problems);
+  AgentSettings settings;
+  settings.verifyServer = keys.flag("SSL", "verify_server");
+  settings.clientKey = keys.readableFile("SSL", "client_key");
+  settings.pluginTimeout = static_cast<int>(keys.count("NIVO", "plugin_timeout", kMaxSeconds));
+  settings.maxOutput = static_cast<std::size_t>(keys.count("NIVO", "max_output", kMaxOutput));
+  settings.maxWorkers = static_cast<int>(keys.count("NIVO", "max_workers", kMaxWorkers));
+  settings.openTimeout = static_cast<int>(keys.count("NIVO", "open_timeout", kMaxSeconds));
+  settings.unknownOnFailure = keys.flag("NIVO", "unknown_on_failure");
+  settings.pongTimeout = static_cast<int>(
+      keys.count("NIVO", "pong_timeout", kMaxSeconds, AgentSettings{}.pongTimeout));
+  return settings;
+}

@@ -1,0 +1,27 @@
+// The agent's opt-in production keys. Each is read once at start-up; absent, empty or 0 means off,
+// and the agent then behaves as it always has. A value that cannot be used (not a number, a file
+// that cannot be read) leaves its key off and is reported as one line naming the key, which the
+// agent logs at WARNING level and `--check-config` prints.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+class iniConfig;
+
+struct AgentSettings {
+  // [SSL]
+  bool verifyServer = false;  // verify_server: check the server's chain and host name
+  std::string clientKey;      // client_key: with local_cert, present a client certificate
+  // [NIVO]
+  int pluginTimeout = 0;          // plugin_timeout: seconds before a plugin's group is ended
+  std::size_t maxOutput = 0;      // max_output: bytes of plugin output kept
+  int maxWorkers = 0;             // max_workers: bound of a pool's automatic growth
+  int openTimeout = 0;            // open_timeout: seconds REGISTER waits for the link to open
+  bool unknownOnFailure = false;  // unknown_on_failure: agent-side failures reported as UNKNOWN
+  int pongTimeout = 30;           // pong_timeout: seconds a ping waits for its pong; 0 off
+};
+
+// Reads every key above from `config`; what is wrong is appended to `problems`, one line a key.
+AgentSettings readAgentSettings(iniConfig& config, std::vector<std::string>& problems);
