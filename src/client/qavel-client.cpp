@@ -35,6 +35,7 @@ logFile* fileLog = nullptr;
 WSSEndpoint* endpoint = nullptr;
 PoolThreadService* monitorPool = nullptr;
 PoolThreadService* webPool = nullptr;
+AgentSettings agentSettings;
 std::mutex mutex_lastexec;
 std::mutex mutex_response;
 std::condition_variable cond_var;
@@ -217,6 +218,14 @@ Identity findIdentity(const std::string& ipCommand) {
   return identity;
 }
 
+// The opt-in keys, once; a value that cannot be used is said at WARNING level so that it shows
+// without -D, and its key stays off.
+void readSettings(iniConfig& config) {
+  std::vector<std::string> problems;
+  agentSettings = readAgentSettings(config, problems);
+  for (const std::string& problem : problems) fileLog->write(3, "NIVO configuration: " + problem);
+}
+
 void startPools(int monitorSize) {
   auto* monitor = new PoolThreadService(monitorSize, fileLog, callbackService);
   auto* web = new PoolThreadService(1, fileLog, callbackService);
@@ -247,6 +256,7 @@ void runAgent() {
   fileLog->write(0, "File CA certificate: " + cafile);
   keyfile = config.getKey("SSL", "local_cert");
   fileLog->write(0, "File Key: " + keyfile);
+  readSettings(config);
 
   {
     std::ifstream serialFile(pathSN);

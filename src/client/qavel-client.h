@@ -15,6 +15,7 @@
 #include "../link/WSSEndpoint.h"
 #include "../pool/PoolThreadService.h"
 #include "../service/service.h"
+#include "agentSettings.h"
 
 extern std::string pathToConfigFile;
 extern std::string pathSN;
@@ -29,6 +30,8 @@ extern logFile* fileLog;
 extern WSSEndpoint* endpoint;
 extern PoolThreadService* monitorPool;
 extern PoolThreadService* webPool;
+// The opt-in keys, read once at start-up before the link and the pools exist; read-only after.
+extern AgentSettings agentSettings;
 extern std::mutex mutex_lastexec;
 extern std::mutex mutex_response;
 extern std::condition_variable cond_var;
