@@ -1,9 +1,17 @@
 #include "WSSEndpoint.h"
 
 #include <json/json.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+#include <unistd.h>
 
+#include <boost/asio/ip/address.hpp>
 #include <boost/asio/post.hpp>
+#include <cerrno>
+#include <cstring>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 
 // Every WebSocket++ call on the endpoint or the connection runs on the network thread. The library
@@ -100,6 +108,46 @@ class WSSEndpoint::CallbackLoan {
   WSSEndpoint& endpoint_;
 };
 
+namespace {
+
+// OpenSSL's reason for the latest failure of this thread; its error queue is left empty.
+std::string openSslReason() {
+  const unsigned long code = ERR_peek_last_error();
+  ERR_clear_error();
+  const char* const reason = code != 0 ? ERR_reason_error_string(code) : nullptr;
+  return reason != nullptr ? reason : "unknown reason";
+}
+
+// A file's own reason first: OpenSSL says only "system lib" for a file it cannot open.
+std::string unreadable(const std::string& path) {
+  return ::access(path.c_str(), R_OK) == 0 ? std::string() : std::strerror(errno);
+}
+
+// A daemon has no one to type a pass phrase: an encrypted key fails to load instead of prompting.
+int noPassphrase(char* /*buffer*/, int /*size*/, int /*forWriting*/, void* /*data*/) { return 0; }
+
+// Puts the client certificate and its key into `context`; throws std::runtime_error saying why not.
+void useClientCertificate(SSL_CTX* context, const LinkOptions& options) {
+  const std::string& certificate = options.clientCertificate;
+  const std::string& key = options.clientKey;
+  if (certificate.empty())
+    throw std::runtime_error("client key " + key + " given without a client certificate");
+  if (const std::string why = unreadable(certificate); !why.empty())
+    throw std::runtime_error("cannot read client certificate " + certificate + ": " + why);
+  if (const std::string why = unreadable(key); !why.empty())
+    throw std::runtime_error("cannot read client key " + key + ": " + why);
+  SSL_CTX_set_default_passwd_cb(context, noPassphrase);
+  if (SSL_CTX_use_certificate_chain_file(context, certificate.c_str()) != 1)
+    throw std::runtime_error("cannot use client certificate " + certificate + ": " +
+                             openSslReason());
+  if (SSL_CTX_use_PrivateKey_file(context, key.c_str(), SSL_FILETYPE_PEM) != 1 ||
+      SSL_CTX_check_private_key(context) != 1)
+    throw std::runtime_error("client key " + key + " does not fit client certificate " +
+                             certificate + ": " + openSslReason());
+}
+
+}  // namespace
+
 WSSEndpoint::WSSEndpoint() { setUp(); }
 
 WSSEndpoint::WSSEndpoint(logFile* log) : log_(log) {
@@ -135,11 +183,32 @@ WSSEndpoint::~WSSEndpoint() {
   thread_->join();
 }
 
+void WSSEndpoint::setOptions(LinkOptions options) {
+  if (!options.clientKey.empty()) {
+    const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> probe(SSL_CTX_new(TLS_client_method()),
+                                                                  SSL_CTX_free);
+    try {
+      if (probe == nullptr) throw std::runtime_error("no TLS context: " + openSslReason());
+      useClientCertificate(probe.get(), options);
+    } catch (const std::exception& e) {
+      fail(e.what());
+    }
+  }
+  // Stored on the network thread, where the handlers read it.
+  onNetworkThread([this, &options] {
+    options_ = std::move(options);
+    return true;
+  });
+}
+
 int WSSEndpoint::connect(const std::string& uri) {
   return onNetworkThread([this, &uri] {
     endpoint_.set_tls_init_handler(
         [this](websocketpp::connection_hdl hdl) { return enableSSLMode(std::move(hdl)); });
     Trace(0, "start connect function: " + uri);
+    // The TLS context is made while the connection is created, before it knows its URI.
+    const websocketpp::uri parsed(uri);
+    host_ = parsed.get_valid() ? parsed.get_host() : std::string();
     websocketpp::lib::error_code ec;
     const client::connection_ptr con = endpoint_.get_connection(uri, ec);
     if (ec) {
@@ -149,7 +218,22 @@ int WSSEndpoint::connect(const std::string& uri) {
     con->set_message_handler([this](websocketpp::connection_hdl hdl, client::message_ptr msg) {
       on_message(std::move(hdl), std::move(msg));
     });
+    con->set_open_handler([this](websocketpp::connection_hdl) {
+      state_ = LinkState::Open;
+      announceLinkEvent();
+    });
+    con->set_fail_handler([this](websocketpp::connection_hdl) {
+      state_ = LinkState::Ended;
+      announceLinkEvent();
+    });
+    con->set_close_handler([this](websocketpp::connection_hdl) { state_ = LinkState::Ended; });
+    if (options_.pongTimeout.count() > 0) {
+      con->set_pong_timeout(static_cast<long>(options_.pongTimeout.count()));
+      con->set_pong_timeout_handler(
+          [this](websocketpp::connection_hdl hdl, std::string) { onPongTimeout(std::move(hdl)); });
+    }
     hdl_ = con->get_handle();
+    state_ = LinkState::Opening;
     endpoint_.connect(con);
     Trace(0, "end connect function: ");
     return 0;
@@ -169,15 +253,75 @@ std::shared_ptr<boost::asio::ssl::context> WSSEndpoint::enableSSLMode(
   namespace ssl = boost::asio::ssl;
   auto context = std::make_shared<ssl::context>(ssl::context::sslv23);
   try {
-    context->set_verify_mode(ssl::verify_none);
+    if (options_.verifyServer) {
+      requireVerifiedServer(*context);
+    } else {
+      context->set_verify_mode(ssl::verify_none);
+    }
     context->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 |
                          ssl::context::no_sslv3 | ssl::context::no_tlsv1 |
                          ssl::context::single_dh_use);
+    if (!options_.clientKey.empty()) useClientCertificate(context->native_handle(), options_);
     Trace(0, "enableSSLMode SSL OK");
   } catch (const std::exception& e) {
     fail(std::string("SSLException: error in init session ") + e.what());
   }
   return context;
+}
+
+void WSSEndpoint::requireVerifiedServer(boost::asio::ssl::context& context) {
+  SSL_CTX* const native = context.native_handle();
+  const std::string& caFile = options_.caFile;
+  if (caFile.empty() ? SSL_CTX_set_default_verify_paths(native) != 1
+                     : SSL_CTX_load_verify_locations(native, caFile.c_str(), nullptr) != 1) {
+    const std::string why = caFile.empty() ? std::string() : unreadable(caFile);
+    throw std::runtime_error("cannot load the trusted certificates of " +
+                             (caFile.empty() ? std::string("the system") : caFile) + ": " +
+                             (why.empty() ? openSslReason() : why));
+  }
+  // OpenSSL checks the name as part of the chain, so a mismatch is reported like any other
+  // verification failure, with its own reason.
+  X509_VERIFY_PARAM* const check = SSL_CTX_get0_param(native);
+  boost::system::error_code notAnAddress;
+  boost::asio::ip::make_address(host_, notAnAddress);
+  if ((notAnAddress ? X509_VERIFY_PARAM_set1_host(check, host_.c_str(), host_.size())
+                    : X509_VERIFY_PARAM_set1_ip_asc(check, host_.c_str())) != 1)
+    throw std::runtime_error("cannot check the server's name " + host_ + ": " + openSslReason());
+  context.set_verify_mode(boost::asio::ssl::verify_peer);
+  context.set_verify_callback([this](bool preverified, boost::asio::ssl::verify_context& store) {
+    return verifyCertificate(preverified, store);
+  });
+}
+
+bool WSSEndpoint::verifyCertificate(bool preverified, boost::asio::ssl::verify_context& context) {
+  if (preverified) return true;
+  X509_STORE_CTX* const store = context.native_handle();
+  std::string subject = "no certificate";
+  if (X509* const certificate = X509_STORE_CTX_get_current_cert(store)) {
+    char name[256];
+    X509_NAME_oneline(X509_get_subject_name(certificate), name, sizeof name);
+    subject = name;
+  }
+  Trace(4, std::string("server certificate refused: ") +
+               X509_verify_cert_error_string(X509_STORE_CTX_get_error(store)) + " (depth " +
+               std::to_string(X509_STORE_CTX_get_error_depth(store)) + ", " + subject + ")");
+  return false;
+}
+
+void WSSEndpoint::announceLinkEvent() {
+  if (options_.onLinkEvent != nullptr) options_.onLinkEvent();
+}
+
+void WSSEndpoint::onPongTimeout(websocketpp::connection_hdl hdl) {
+  websocketpp::lib::error_code ec;
+  const client::connection_ptr con = endpoint_.get_con_from_hdl(hdl, ec);
+  // The timer outlives a close: a link that ended meanwhile is left alone.
+  if (ec || con->get_state() != websocketpp::session::state::open) return;
+  Trace(4, "no pong within " + std::to_string(options_.pongTimeout.count()) + " ms: link ended");
+  // Ended at once rather than closed: a close handshake needs a peer that still reads.
+  con->terminate(websocketpp::lib::error_code());
+  state_ = LinkState::Ended;
+  announceLinkEvent();
 }
 
 void WSSEndpoint::on_message(websocketpp::connection_hdl hdl, client::message_ptr msg) {

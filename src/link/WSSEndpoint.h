@@ -1,6 +1,7 @@
 // The agent's one secure WebSocket client link, with its own network thread. It offers the "qavel"
-// subprotocol, does not verify the server's certificate (TLS 1.1 and later only), hands every
-// inbound frame to one callback on the network thread and raises WSSEndpointException on failure.
+// subprotocol (TLS 1.1 and later only), hands every inbound frame to one callback on the network
+// thread and raises WSSEndpointException on failure. By default it verifies nothing and awaits no
+// pong; LinkOptions turn on the server's verification, a client certificate and the pong timeout.
 // send/ping/close may be called from any thread: each runs on the network thread and waits (see
 // onNetworkThread in the .cpp for why, and for calls made while the callback runs).
 #pragma once
@@ -8,6 +9,8 @@
 #include <websocketpp/client.hpp>
 #include <websocketpp/config/asio_client.hpp>
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -23,8 +26,26 @@ class WSSEndpointException : public MessageException {
   using MessageException::MessageException;
 };
 
+// What the link checks and presents beyond its defaults; every member's default is off.
+struct LinkOptions {
+  // Verify the server's chain against caFile (PEM; empty: the system's trust store) and its
+  // certificate against the host name or IP address of the URI.
+  bool verifyServer = false;
+  std::string caFile;
+  // Both set: present this certificate (PEM, may hold a chain) and its key to the server.
+  std::string clientCertificate;
+  std::string clientKey;
+  // A ping whose pong has not come back within this time ends the link at once; 0: not awaited.
+  std::chrono::milliseconds pongTimeout{0};
+  // Called on the network thread when the link opens or fails to open, and when it is ended for
+  // want of a pong; it must not call back into the endpoint.
+  void (*onLinkEvent)() = nullptr;
+};
+
 class WSSEndpoint {
  public:
+  enum class LinkState { Idle, Opening, Open, Ended };
+
   using client = websocketpp::client<websocketpp::config::asio_tls_client>;
   using MessageCallback = void (*)(std::weak_ptr<void>, std::string);
 
@@ -35,7 +56,13 @@ class WSSEndpoint {
   WSSEndpoint(const WSSEndpoint&) = delete;
   WSSEndpoint& operator=(const WSSEndpoint&) = delete;
 
+  // Before connect. Loads the client certificate and key once to check them: a missing file or a
+  // key that does not match its certificate throws here rather than on the network thread later.
+  void setOptions(LinkOptions options);
   int connect(const std::string& uri);
+  // Idle before connect, Opening until the link opens (Open), then Ended once it has failed,
+  // closed or been ended; from any thread.
+  LinkState linkState() const { return state_; }
   void setCallbackFctOnMessage(MessageCallback callback);
   // Virtual so that a test can record what the agent sends instead of sending it.
   virtual void send(std::string text);
@@ -49,6 +76,12 @@ class WSSEndpoint {
 
  private:
   void setUp();
+  void announceLinkEvent();  // to options_.onLinkEvent
+  void onPongTimeout(websocketpp::connection_hdl hdl);
+  // Sets `context` to verify the server against the trusted certificates and host_.
+  void requireVerifiedServer(boost::asio::ssl::context& context);
+  // The server's certificate as OpenSSL judged it; logs why it is refused.
+  bool verifyCertificate(bool preverified, boost::asio::ssl::verify_context& context);
   // Logs `text` at level 4 and throws it as a WSSEndpointException.
   [[noreturn]] void fail(const std::string& text);
   // Runs the operation on the network thread and returns its result; a failure comes back as a
@@ -62,6 +95,9 @@ class WSSEndpoint {
   std::shared_ptr<std::thread> thread_;
   websocketpp::connection_hdl hdl_;
   MessageCallback callback_ = nullptr;
+  LinkOptions options_;  // network thread, once connect has been called
+  std::string host_;     // of the URI being connected; network thread
+  std::atomic<LinkState> state_{LinkState::Idle};
   logFile* log_ = nullptr;
   [[maybe_unused]] std::int32_t status_ = 254;  // no operation reads it yet
   // While the network thread is inside the message callback, it touches no connection state:
