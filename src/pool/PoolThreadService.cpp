@@ -56,6 +56,8 @@ void PoolThreadService::setThreadMode(short mode) {
   }
 }
 
+void PoolThreadService::setMaxWorkers(int workers) { maxWorkers_ = workers; }
+
 void PoolThreadService::setCallbackFctBeforeExec(BeforeExec before) { beforeExec_ = before; }
 
 void PoolThreadService::setCallbackFctAfterExec(AfterExec after) { afterExec_ = after; }
@@ -73,6 +75,15 @@ void PoolThreadService::executeService(std::shared_ptr<service> s) {
   trace(0, "PUSH service" + s->Getname());
   if (threadMode_ != 1) return;
   if (queue_->size() > kBacklogPerWorker * poolSize_) {
+    const int bound = maxWorkers_;
+    if (bound > 0 && poolSize_ >= bound) {
+      // Said once: past the bound every order would say it again.
+      if (!boundReached_)
+        trace(2, "pool at its bound of " + std::to_string(bound) +
+                     " workers; further orders wait in the queue");
+      boundReached_ = true;
+      return;
+    }
     trace(0, "Create New Thread, new size" + std::to_string(poolSize_.load()));
     const int number = ++poolSize_;
     try {

@@ -1,7 +1,8 @@
 // Runs services on worker threads: each worker takes a service from the pool's queue, asks the
 // optional before-exec callback, runs service::execute() with up to three attempts one second
 // apart, and hands the result to the optional after-exec callback. In automatic mode the pool adds
-// a worker whenever more than four services per worker are waiting; it never shrinks.
+// a worker whenever more than four services per worker are waiting, up to an optional bound; it
+// never shrinks.
 // executeService() must be called from one thread only, and not while run() is starting workers.
 #pragma once
 
@@ -40,6 +41,9 @@ class PoolThreadService {
   PoolThreadService& operator=(const PoolThreadService&) = delete;
 
   void setThreadMode(short mode);  // 1 automatic growth, anything else fixed size
+  // Automatic growth stops at `workers` (0: no bound); services beyond wait in the queue. Before
+  // run(). A pool that starts larger keeps its workers.
+  void setMaxWorkers(int workers);
   void setCallbackFctBeforeExec(BeforeExec before);
   void setCallbackFctAfterExec(AfterExec after);
 
@@ -64,6 +68,8 @@ class PoolThreadService {
   std::atomic<int> poolSize_;
   std::atomic<int> used_{0};
   std::atomic<bool> stop_{true};
+  std::atomic<int> maxWorkers_{0};
+  bool boundReached_ = false;  // the dispatching thread only
   logFile* log_ = nullptr;
   AfterExec afterExec_ = nullptr;
   BeforeExec beforeExec_ = nullptr;
