@@ -105,9 +105,46 @@ void leaveIfStopped() {
   if (die_orva != 0) throw AgentStopped{};
 }
 
+// The whole of `duration`, unless a stop comes: the link's own wake-ups do not cut it short.
 void pause(std::chrono::milliseconds duration) {
-  stopSignal::sleepFor(duration);
-  leaveIfStopped();
+  const auto end = std::chrono::steady_clock::now() + duration;
+  for (auto left = duration; left.count() > 0;
+       left = std::chrono::duration_cast<std::chrono::milliseconds>(
+           end - std::chrono::steady_clock::now())) {
+    stopSignal::sleepFor(left);
+    leaveIfStopped();
+  }
+}
+
+// Until the link has opened or failed, at most `limit`; a stop still ends the agent at once. The
+// endpoint wakes the main thread when the link opens or fails.
+void awaitLinkOpen(std::chrono::seconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (endpoint->linkState() == WSSEndpoint::LinkState::Opening) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        end - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      fileLog->write(4, "NIVO link not open after " + std::to_string(limit.count()) + " s");
+      return;
+    }
+    stopSignal::sleepFor(left);
+    leaveIfStopped();
+  }
+}
+
+// The link's keys; a client key that cannot be used throws here, before anything is sent.
+LinkOptions linkOptions() {
+  LinkOptions options;
+  options.verifyServer = agentSettings.verifyServer;
+  options.caFile = cafile;
+  if (!agentSettings.clientKey.empty()) {
+    options.clientCertificate = keyfile;
+    options.clientKey = agentSettings.clientKey;
+  }
+  options.pongTimeout = std::chrono::seconds(agentSettings.pongTimeout);
+  // A link ended for want of a pong wakes the main loop, whose ping then fails at once.
+  options.onLinkEvent = stopSignal::wake;
+  return options;
 }
 
 void publishPools(PoolThreadService* monitor, PoolThreadService* web) {
@@ -231,6 +268,8 @@ void startPools(int monitorSize) {
   auto* web = new PoolThreadService(1, fileLog, callbackService);
   monitor->setThreadMode(1);
   web->setThreadMode(1);
+  monitor->setMaxWorkers(agentSettings.maxWorkers);
+  web->setMaxWorkers(agentSettings.maxWorkers);
   monitor->run();
   web->run();
   publishPools(monitor, web);
@@ -291,9 +330,11 @@ void runAgent() {
 
   status.write("REGISTERING", "NONE");
   endpoint = new WSSEndpoint(fileLog);
+  endpoint->setOptions(linkOptions());
   endpoint->connect(url);
   endpoint->setCallbackFctOnMessage(on_message);
   pause(kRegisterPause);
+  if (agentSettings.openTimeout > 0) awaitLinkOpen(std::chrono::seconds(agentSettings.openTimeout));
 
   endpoint->registerQAVEL(NIVO_SN, identity.ip, identity.mac);
   fileLog->write(1, "REGISTER SUCCESS");
