@@ -33,12 +33,21 @@ Options:
       --cert FILE         PEM certificate (or chain) to present; needs --key
       --key FILE          PEM private key of --cert; without both, a throwaway self-signed
                           certificate for CN=localhost is made at start
+      --client-ca FILE    PEM file of the CAs that sign accepted client certificates: an agent
+                          that presents none they signed is refused in the TLS handshake
+                          (mutual TLS); the subject it presented is shown when it connects
       --status JSON       STATUS of the REGISTER-RESPONSE, as a JSON value (default 0):
                           0, 1, '"0"', '""' ...
       --no-status         answer REGISTER with a REGISTER-RESPONSE that has no STATUS
       --no-register-reply do not answer REGISTER at all
       --no-subprotocol    act as a server that does not speak "qavel": accept the connection
                           without selecting the subprotocol (what RFC 6455 asks of such a server)
+      --no-pong           never answer the agent's pings, like a server whose application hangs
+      --stop-reading      once a link's REGISTER is answered (and the --exec orders sent), read
+                          nothing more from it: the agent's frames stay in the buffers, like a
+                          server that no longer reads; commands still send on it
+      --open-delay MS     hold each opening handshake MS milliseconds before accepting it, like
+                          a slow link (the server does nothing else meanwhile)
   -e, --exec ORDER        send this EXEC order right after answering REGISTER; repeatable, sent
                           in order. ORDER is 'TASKID NAME PRIORITY [PARAMETER...]' (the parameter
                           is the rest of the text) or a whole JSON document
@@ -107,7 +116,19 @@ struct CommandLine {
 };
 
 CommandLine parseCommandLine(int argc, char** argv) {
-  enum { kCert = 256, kKey, kStatus, kNoStatus, kNoReply, kNoSubprotocol, kOnce };
+  enum {
+    kCert = 256,
+    kKey,
+    kClientCa,
+    kStatus,
+    kNoStatus,
+    kNoReply,
+    kNoSubprotocol,
+    kNoPong,
+    kStopReading,
+    kOpenDelay,
+    kOnce
+  };
   static const option kOptions[] = {
       {"address", required_argument, nullptr, 'a'},
       {"port", required_argument, nullptr, 'p'},
@@ -117,6 +138,10 @@ CommandLine parseCommandLine(int argc, char** argv) {
       {"no-status", no_argument, nullptr, kNoStatus},
       {"no-register-reply", no_argument, nullptr, kNoReply},
       {"no-subprotocol", no_argument, nullptr, kNoSubprotocol},
+      {"client-ca", required_argument, nullptr, kClientCa},
+      {"no-pong", no_argument, nullptr, kNoPong},
+      {"stop-reading", no_argument, nullptr, kStopReading},
+      {"open-delay", required_argument, nullptr, kOpenDelay},
       {"exec", required_argument, nullptr, 'e'},
       {"once", no_argument, nullptr, kOnce},
       {"help", no_argument, nullptr, 'h'},
@@ -158,6 +183,19 @@ CommandLine parseCommandLine(int argc, char** argv) {
           break;
         case kNoSubprotocol:
           options.selectSubprotocol = false;
+          break;
+        case kClientCa:
+          options.clientCaFile = optarg;
+          break;
+        case kNoPong:
+          options.answerPings = false;
+          break;
+        case kStopReading:
+          options.stopReadingAfterRegister = true;
+          break;
+        case kOpenDelay:
+          options.openDelay =
+              std::chrono::milliseconds(qavel::wholeNumber(optarg, 0, 3600 * 1000, "open delay"));
           break;
         case 'e':
           options.execOrders.push_back(qavel::parseExecOrder(optarg));

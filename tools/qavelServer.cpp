@@ -135,6 +135,15 @@ std::shared_ptr<TlsContext> makeTlsContext(const ServerOptions& options) {
   } else {
     useCertificateFiles(*context, options.certFile, options.keyFile);
   }
+  if (!options.clientCaFile.empty()) {
+    boost::system::error_code ec;
+    context->load_verify_file(options.clientCaFile, ec);
+    if (ec)
+      throw ServerError("cannot read client CA file " + options.clientCaFile + ": " +
+                        loadFailure(options.clientCaFile, ec));
+    context->set_verify_mode(boost::asio::ssl::verify_peer |
+                             boost::asio::ssl::verify_fail_if_no_peer_cert);
+  }
   return context;
 }
 
@@ -149,6 +158,15 @@ std::string bindFailure(const boost::asio::ip::tcp::endpoint& where) {
   if (!ec) acceptor.bind(where, ec);
   if (!ec) acceptor.listen(boost::asio::socket_base::max_listen_connections, ec);
   return ec ? ec.message() : std::string();
+}
+
+// "/CN=..." of the client's certificate once the handshake verified it; empty without one.
+std::string clientSubject(SSL* tls) {
+  const std::unique_ptr<X509, CertificateFree> certificate(SSL_get1_peer_certificate(tls));
+  if (certificate == nullptr || SSL_get_verify_result(tls) != X509_V_OK) return "";
+  char name[256];
+  X509_NAME_oneline(X509_get_subject_name(certificate.get()), name, sizeof name);
+  return name;
 }
 
 ReceivedFrame readFrame(std::string text) {
@@ -228,6 +246,7 @@ struct QavelServer::Impl {
   }
 
   bool onValidate(const Hdl& hdl) {
+    if (options.openDelay.count() > 0) std::this_thread::sleep_for(options.openDelay);
     const Server::connection_ptr con = server.get_con_from_hdl(hdl);
     const std::vector<std::string>& offered = con->get_requested_subprotocols();
     if (options.selectSubprotocol &&
@@ -239,8 +258,11 @@ struct QavelServer::Impl {
 
   void onOpen(const Hdl& hdl) {
     const Server::connection_ptr con = server.get_con_from_hdl(hdl);
+    SSL* const tls = con->get_socket().native_handle();
+    const char* const serverName = SSL_get_servername(tls, TLSEXT_NAMETYPE_host_name);
     ConnectionInfo info{con->get_remote_endpoint(), con->get_requested_subprotocols(),
-                        con->get_subprotocol()};
+                        con->get_subprotocol(), serverName != nullptr ? serverName : "",
+                        clientSubject(tls)};
     link = hdl;
     openLinks.insert(hdl);
     {
@@ -250,7 +272,8 @@ struct QavelServer::Impl {
     changed.notify_all();
     event("agent connected from " + info.remote +
           ", subprotocols offered: " + joined(info.offeredSubprotocols) +
-          ", selected: " + (info.selectedSubprotocol.empty() ? "none" : info.selectedSubprotocol));
+          ", selected: " + (info.selectedSubprotocol.empty() ? "none" : info.selectedSubprotocol) +
+          (info.clientSubject.empty() ? "" : ", client certificate: " + info.clientSubject));
   }
 
   void onFail(const Hdl& hdl) {
@@ -284,7 +307,22 @@ struct QavelServer::Impl {
     }
     changed.notify_all();
     if (options.onFrame) options.onFrame(frame);
-    if (frame.json.isObject() && frame.json["COMMAND"] == "REGISTER") answerRegister(hdl);
+    if (frame.json.isObject() && frame.json["COMMAND"] == "REGISTER") {
+      answerRegister(hdl);
+      if (options.stopReadingAfterRegister) stopReading(hdl);
+    }
+  }
+
+  // Paused from within the message handler, no further read is started at all. A connection lives
+  // only as long as an operation of its own is pending, so the peer holds on to it until it stops.
+  void stopReading(const Hdl& hdl) {
+    websocketpp::lib::error_code ec;
+    server.pause_reading(hdl, ec);
+    if (ec) {
+      event("cannot stop reading: " + ec.message());
+      return;
+    }
+    unread.push_back(server.get_con_from_hdl(hdl));
   }
 
   void answerRegister(const Hdl& hdl) {
@@ -312,6 +350,7 @@ struct QavelServer::Impl {
       server.close(hdl, websocketpp::close::status::going_away, "qavel-server stopping",
                    closeError);
     }
+    unread.clear();  // each now lives as long as its close takes
   }
 
   void runLoop() {
@@ -338,6 +377,7 @@ struct QavelServer::Impl {
   // I/O thread only.
   Hdl link;
   std::set<Hdl, std::owner_less<Hdl>> openLinks;
+  std::vector<Server::connection_ptr> unread;  // links no longer read from
   bool stopping = false;
 
   // Under mutex.
@@ -378,6 +418,7 @@ void QavelServer::start() {
   server.set_close_handler([&impl](Hdl hdl) { impl.onClose(hdl); });
   server.set_message_handler(
       [&impl](Hdl hdl, Server::message_ptr message) { impl.onMessage(hdl, message); });
+  server.set_ping_handler([&impl](Hdl, std::string) { return impl.options.answerPings; });
 
   websocketpp::lib::error_code listenError;
   server.listen(where, listenError);

@@ -34,6 +34,8 @@ struct ConnectionInfo {
   std::string remote;                            // "address:port" of the agent
   std::vector<std::string> offeredSubprotocols;  // as the agent asked for them
   std::string selectedSubprotocol;               // empty when none was selected
+  std::string serverName;                        // the agent's SNI; empty when it sent none
+  std::string clientSubject;  // subject of the agent's verified certificate; empty without one
 };
 
 struct CloseInfo {
@@ -58,10 +60,21 @@ struct ServerOptions {
   // PEM files; both empty: a throwaway self-signed certificate for CN=localhost.
   std::string certFile;
   std::string keyFile;
+  // PEM file of the CAs whose client certificates are accepted; set, a client without a
+  // certificate they signed is refused in the TLS handshake (mutual TLS).
+  std::string clientCaFile;
   // false: behave like a server that does not speak "qavel". Such a server accepts the handshake
   // without a Sec-WebSocket-Protocol header, as RFC 6455 asks of it, rather than refusing it.
   bool selectSubprotocol = true;
   RegisterReply registerReply;
+  // false: pings get no pong, as from a server whose application hangs.
+  bool answerPings = true;
+  // Once a link's "REGISTER" has been answered (and execOrders sent), read nothing more from it:
+  // the agent's frames pile up in its buffers, as with a server that no longer reads.
+  bool stopReadingAfterRegister = false;
+  // Each opening handshake is held this long before it is accepted. The I/O thread waits
+  // meanwhile: for tests of a slow link, one connection at a time.
+  std::chrono::milliseconds openDelay{0};
   // "EXEC" documents sent, in order, right after each "REGISTER" has been handled.
   std::vector<Json::Value> execOrders;
   // Called on the I/O thread, outside the server's locks.
