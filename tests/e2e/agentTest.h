@@ -114,25 +114,36 @@ class AgentTest : public ::testing::Test {
   void SetUp() override {
     if (geteuid() != 0)
       GTEST_SKIP() << "needs root: each agent runs in a private mount namespace of its own";
-    sandbox_ = std::make_unique<agentSandbox>(agentSandbox::Paths{program(), NIVO_SANDBOX_RUN}, "");
-    addPlugin("plugin_exit", "plugin_exit.sh");
+    sandbox_ = makeSandbox();
+  }
+
+  void TearDown() override {
+    if (sandbox_ != nullptr) checkAgentOutput(*sandbox_);
+  }
+
+  // A sandbox with plugin_exit, set up for the build under test; sandbox_ is one. A test that runs
+  // several agents side by side makes the others with it and checks each with checkAgentOutput.
+  std::unique_ptr<agentSandbox> makeSandbox() const {
+    auto sandbox =
+        std::make_unique<agentSandbox>(agentSandbox::Paths{program(), NIVO_SANDBOX_RUN}, "");
+    sandbox->addPlugin("plugin_exit", kPlugins + "/plugin_exit.sh");
     // What a ThreadSanitizer build of the agent reports by design; other builds ignore it.
     const char* const inherited = std::getenv("TSAN_OPTIONS");
     const std::string options =
         inherited != nullptr && *inherited != '\0' ? std::string(inherited) + ":" : std::string();
-    sandbox_->setEnvironment("TSAN_OPTIONS",
-                             options + "suppressions=" NIVO_AGENT_TSAN_SUPPRESSIONS);
+    sandbox->setEnvironment("TSAN_OPTIONS", options + "suppressions=" NIVO_AGENT_TSAN_SUPPRESSIONS);
+    return sandbox;
   }
 
-  void TearDown() override {
-    if (sandbox_ == nullptr) return;
-    // A sanitizer's report from the agent is a fault even when the test saw what it wanted.
-    const std::string printed = sandbox_->output() + sandbox_->errors();
+  // A sanitizer's report from the agent is a fault even when the test saw what it wanted; a failed
+  // test shows the agent's log.
+  void checkAgentOutput(const agentSandbox& sandbox) const {
+    const std::string printed = sandbox.output() + sandbox.errors();
     for (const char* mark : {"Sanitizer", "runtime error"})
       EXPECT_EQ(printed.find(mark), std::string::npos) << tail(printed);
     if (HasFailure())
-      std::cerr << "---- agent log\n"
-                << tail(sandbox_->log()) << "---- agent output\n"
+      std::cerr << "---- agent log (" << sandbox.dir() << ")\n"
+                << tail(sandbox.log()) << "---- agent output\n"
                 << tail(printed);
   }
 

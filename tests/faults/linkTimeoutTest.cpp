@@ -1,0 +1,158 @@
+// The link's time limits, end to end: NIVO/open_timeout lets REGISTER wait for a link that opens
+// slowly, NIVO/pong_timeout ends a link whose server no longer answers. Without open_timeout,
+// REGISTER goes out 0.6 s after the connect, open or not, as it always has.
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <system_error>
+
+#include "faultTest.h"
+
+namespace agentTest {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// A port on 127.0.0.1 that refuses every connection: bound, never listening.
+class RefusingPort {
+ public:
+  RefusingPort() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+      throw std::system_error(errno, std::generic_category(), "refusing port");
+    port_ = ntohs(address.sin_port);
+  }
+  ~RefusingPort() {
+    if (fd_ >= 0) close(fd_);
+  }
+  RefusingPort(const RefusingPort&) = delete;
+  RefusingPort& operator=(const RefusingPort&) = delete;
+  std::uint16_t port() const { return port_; }
+
+ private:
+  const int fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  std::uint16_t port_ = 0;
+};
+
+struct OpenCase {
+  const char* name;
+  milliseconds openDelay;   // of the server's opening handshake; negative: nothing listens
+  const char* openTimeout;  // NIVO/open_timeout; nullptr: absent
+  const char* failure;      // of REGISTER ("Error sending message: ..."); nullptr: registered
+  bool gaveUpWaiting;       // the agent says it stopped waiting for the open
+};
+
+void PrintTo(const OpenCase& open, std::ostream* out) { *out << open.name; }
+
+class OpenTimeoutTest : public FaultTest, public ::testing::WithParamInterface<OpenCase> {};
+
+TEST_P(OpenTimeoutTest, RegisterWaitsForTheOpenOnlyWithTheKey) {
+  const OpenCase& open = GetParam();
+  if (open.openTimeout != nullptr) sandbox_->setKey("NIVO", "open_timeout", open.openTimeout);
+  std::optional<RefusingPort> refusing;
+  if (open.openDelay.count() < 0) {
+    refusing.emplace();
+    sandbox_->setKey("NIVO", "server_url", "wss://127.0.0.1:" + std::to_string(refusing->port()));
+    sandbox_->start();
+  } else {
+    qavel::ServerOptions options;
+    options.openDelay = open.openDelay;
+    launch(options);
+  }
+
+  if (open.failure == nullptr) {
+    ASSERT_TRUE(answers_.waitForRegister());
+    server_->sendExec(1, "plugin_exit", "slow", 5);
+    EXPECT_EQ(answers_.to(1), once(qavel::execResponse(0, 1, "slow\n", 0)));
+  } else {
+    // Well within an open_timeout of 600 s: a link that failed is not waited for.
+    EXPECT_EQ(ending(kWait), kExitedNormally);
+    EXPECT_TRUE(logHas(kLinkFailure + "Error sending message: " + open.failure + "\n"));
+    EXPECT_FALSE(logHas("REGISTER SUCCESS"));
+  }
+  EXPECT_EQ(logHas("#ERRORS#NIVO link not open after "), open.gaveUpWaiting);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Links, OpenTimeoutTest,
+    ::testing::Values(
+        OpenCase{"SlowOpenWithoutKey", milliseconds(2000), nullptr, "invalid state", false},
+        OpenCase{"SlowOpenWaitedFor", milliseconds(2000), "10", nullptr, false},
+        OpenCase{"OpenSlowerThanTheWait", milliseconds(4000), "1", "invalid state", true},
+        OpenCase{"FailedOpenEndsTheWait", milliseconds(-1), "600", "Bad Connection", false}),
+    [](const ::testing::TestParamInfo<OpenCase>& info) { return info.param.name; });
+
+// One agent and its server, for a test that runs several side by side.
+struct Pair {
+  std::unique_ptr<qavel::QavelServer> server;
+  std::unique_ptr<agentSandbox> sandbox;
+};
+
+class PongTimeoutTest : public FaultTest {
+ protected:
+  Pair start(qavel::ServerOptions options, const char* pongTimeout) {
+    Pair pair{std::make_unique<qavel::QavelServer>(std::move(options)), makeSandbox()};
+    pair.server->start();
+    pair.sandbox->setKey("NIVO", "server_url",
+                         "wss://127.0.0.1:" + std::to_string(pair.server->port()));
+    pair.sandbox->setKey("NIVO", "pong_timeout", pongTimeout);
+    pair.sandbox->start();
+    return pair;
+  }
+};
+
+// A server that no longer answers, whether it still reads (no pong) or not (nothing read after
+// REGISTER, with a large result stuck in the agent's buffers), ends the agent within one ping
+// interval (40 s) and the pong timeout: the first ping's pong does not come, the link ends at
+// once, and the agent's next ping, made right then, fails. With pong_timeout=0 no pong is
+// awaited, as before the key. The agents run side by side, because each must live through a
+// whole ping interval of real time.
+TEST_F(PongTimeoutTest, ServerThatStopsAnsweringEndsAgentWithinPingIntervalAndPongTimeout) {
+  sandbox_.reset();  // the fixture's agent is not used
+  qavel::ServerOptions noPong;
+  noPong.answerPings = false;
+  qavel::ServerOptions deaf;
+  deaf.stopReadingAfterRegister = true;
+  deaf.execOrders.push_back(qavel::execOrder(1, "plugin_big", "8000000", 5));
+  qavel::ServerOptions unanswered = noPong;
+
+  Pair pairs[] = {start(noPong, "2"), start(deaf, "2"), start(unanswered, "0")};
+  Pair& silent = pairs[0];
+  Pair& notReading = pairs[1];
+  Pair& notAwaited = pairs[2];
+  notReading.sandbox->addPlugin("plugin_big", kPlugins + "/plugin_big.sh");
+  for (Pair& pair : pairs) ASSERT_TRUE(pair.sandbox->waitForLog("Pool exec is running", kWait));
+  // Then the main loop starts: its first ping goes 40 s later.
+  const auto running = Clock::now();
+
+  for (Pair* ending : {&silent, &notReading}) {
+    const auto left = kPingWait - (Clock::now() - running);
+    EXPECT_EQ(agentSandbox::describeEnd(
+                  ending->sandbox->waitExit(std::chrono::duration_cast<milliseconds>(left))),
+              kExitedNormally)
+        << ending->sandbox->dir();
+    std::cout << "agent ended "
+              << std::chrono::duration_cast<milliseconds>(Clock::now() - running).count()
+              << " ms after its run phase began" << std::endl;
+    EXPECT_NE(ending->sandbox->log().find("#ERRORS#ENDPOINT SOCKET: no pong within 2000 ms: "
+                                          "link ended\n"),
+              std::string::npos);
+    EXPECT_NE(ending->sandbox->log().find(kLinkFailure + "Error sending message: "),
+              std::string::npos);
+  }
+  EXPECT_TRUE(notAwaited.sandbox->waitForLog("send ping function end", seconds(1)));
+  EXPECT_TRUE(notAwaited.sandbox->running());
+  EXPECT_EQ(notAwaited.sandbox->log().find("no pong"), std::string::npos);
+  for (const Pair& pair : pairs) checkAgentOutput(*pair.sandbox);
+}
+
+}  // namespace
+}  // namespace agentTest
