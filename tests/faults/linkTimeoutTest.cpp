@@ -1,14 +1,6 @@
 // The link's time limits, end to end: NIVO/open_timeout lets REGISTER wait for a link that opens
 // slowly, NIVO/pong_timeout ends a link whose server no longer answers. Without open_timeout,
 // REGISTER goes out 0.6 s after the connect, open or not, as it always has.
-#include <arpa/inet.h>
-#include <errno.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <system_error>
-
 #include "faultTest.h"
 
 namespace agentTest {
@@ -16,31 +8,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-
-// A port on 127.0.0.1 that refuses every connection: bound, never listening.
-class RefusingPort {
- public:
-  RefusingPort() {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-      throw std::system_error(errno, std::generic_category(), "refusing port");
-    port_ = ntohs(address.sin_port);
-  }
-  ~RefusingPort() {
-    if (fd_ >= 0) close(fd_);
-  }
-  RefusingPort(const RefusingPort&) = delete;
-  RefusingPort& operator=(const RefusingPort&) = delete;
-  std::uint16_t port() const { return port_; }
-
- private:
-  const int fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  std::uint16_t port_ = 0;
-};
 
 struct OpenCase {
   const char* name;
@@ -57,10 +24,10 @@ class OpenTimeoutTest : public FaultTest, public ::testing::WithParamInterface<O
 TEST_P(OpenTimeoutTest, RegisterWaitsForTheOpenOnlyWithTheKey) {
   const OpenCase& open = GetParam();
   if (open.openTimeout != nullptr) sandbox_->setKey("NIVO", "open_timeout", open.openTimeout);
-  std::optional<RefusingPort> refusing;
   if (open.openDelay.count() < 0) {
-    refusing.emplace();
-    sandbox_->setKey("NIVO", "server_url", "wss://127.0.0.1:" + std::to_string(refusing->port()));
+    startServer();
+    sandbox_->setKey("NIVO", "server_url", "wss://" + serverAddress());
+    server_->stop();  // its port now refuses connections
     sandbox_->start();
   } else {
     qavel::ServerOptions options;
