@@ -76,14 +76,14 @@ class WSSEndpoint {
 
  private:
   void setUp();
+  // Logs `text` at level 4 and throws it as a WSSEndpointException.
+  [[noreturn]] void fail(const std::string& text);
   void announceLinkEvent();  // to options_.onLinkEvent
   void onPongTimeout(websocketpp::connection_hdl hdl);
   // Sets `context` to verify the server against the trusted certificates and host_.
   void requireVerifiedServer(boost::asio::ssl::context& context);
   // The server's certificate as OpenSSL judged it; logs why it is refused.
   bool verifyCertificate(bool preverified, boost::asio::ssl::verify_context& context);
-  // Logs `text` at level 4 and throws it as a WSSEndpointException.
-  [[noreturn]] void fail(const std::string& text);
   // Runs the operation on the network thread and returns its result; a failure comes back as a
   // WSSEndpointException with its text.
   template <typename Operation>
