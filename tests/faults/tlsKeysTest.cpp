@@ -50,11 +50,12 @@ class Certificates {
 
 struct TrustCase {
   const char* name;
-  const char* serverCertificate;  // one of those made in SetUp
-  const char* host;               // of the agent's server URL
-  const char* verifyServer;       // SSL/verify_server; nullptr: absent
-  bool withCaFile;                // SSL/cafile is CA "a"; false: empty, the system's store
-  const char* refusal;            // OpenSSL's reason; nullptr: accepted
+  const char* serverCertificate;       // one of those made in SetUp
+  const char* host;                    // of the agent's server URL
+  const char* verifyServer;            // SSL/verify_server; nullptr: absent
+  const char* caFile;                  // SSL/cafile: "a" for CA a's file, or as written
+  const char* refusal;                 // OpenSSL's reason; nullptr: accepted
+  const char* startupError = nullptr;  // the agent ends before it connects, saying this
 };
 
 void PrintTo(const TrustCase& trust, std::ostream* out) { *out << trust.name; }
@@ -62,7 +63,7 @@ void PrintTo(const TrustCase& trust, std::ostream* out) { *out << trust.name; }
 class ServerTrustTest : public FaultTest, public ::testing::WithParamInterface<TrustCase> {};
 
 // Accepted: the agent registers over the link. Refused: it ends like after any failed connect,
-// having said why, and the server never hears from it.
+// having said why, and the server never hears from it. A CA file it cannot read ends it at once.
 TEST_P(ServerTrustTest, AgentTalksOnlyToTheServerItTrusts) {
   const TrustCase& trust = GetParam();
   Certificates pki(sandbox_->dir());
@@ -74,7 +75,7 @@ TEST_P(ServerTrustTest, AgentTalksOnlyToTheServerItTrusts) {
   pki.certificate("other-ca", "localhost", "DNS:localhost,IP:127.0.0.1", "b");
 
   if (trust.verifyServer != nullptr) sandbox_->setKey("SSL", "verify_server", trust.verifyServer);
-  sandbox_->setKey("SSL", "cafile", trust.withCaFile ? pki.pem("a") : "");
+  sandbox_->setKey("SSL", "cafile", trust.caFile == std::string("a") ? pki.pem("a") : trust.caFile);
   qavel::ServerOptions options;
   options.certFile = pki.pem(trust.serverCertificate);
   options.keyFile = pki.key(trust.serverCertificate);
@@ -83,7 +84,11 @@ TEST_P(ServerTrustTest, AgentTalksOnlyToTheServerItTrusts) {
                    std::string("wss://") + trust.host + ":" + std::to_string(server_->port()));
   sandbox_->start();
 
-  if (trust.refusal == nullptr) {
+  if (trust.startupError != nullptr) {
+    EXPECT_EQ(ending(kWait), kExitedNormally);
+    EXPECT_TRUE(logHas("#ERRORS#" + kLinkFailure + trust.startupError + "\n"));
+    EXPECT_FALSE(server_->waitForConnection(std::chrono::seconds(0)));
+  } else if (trust.refusal == nullptr) {
     ASSERT_TRUE(answers_.waitForRegister());
     const std::optional<qavel::ConnectionInfo> link = server_->waitForConnection(kWait);
     ASSERT_TRUE(link);
@@ -102,17 +107,20 @@ TEST_P(ServerTrustTest, AgentTalksOnlyToTheServerItTrusts) {
 INSTANTIATE_TEST_SUITE_P(
     Certificates, ServerTrustTest,
     ::testing::Values(
-        TrustCase{"NameSignedByTrustedCa", "named", "localhost", "1", true, nullptr},
-        TrustCase{"AddressSignedByTrustedCa", "named", "127.0.0.1", "1", true, nullptr},
-        TrustCase{"MadeForAnotherName", "other-name", "localhost", "1", true, "hostname mismatch"},
-        TrustCase{"WithoutTheAddress", "name-only", "127.0.0.1", "1", true, "IP address mismatch"},
-        TrustCase{"SignedByAnotherCa", "other-ca", "localhost", "1", true,
+        TrustCase{"NameSignedByTrustedCa", "named", "localhost", "1", "a", nullptr},
+        TrustCase{"AddressSignedByTrustedCa", "named", "127.0.0.1", "1", "a", nullptr},
+        TrustCase{"MadeForAnotherName", "other-name", "localhost", "1", "a", "hostname mismatch"},
+        TrustCase{"WithoutTheAddress", "name-only", "127.0.0.1", "1", "a", "IP address mismatch"},
+        TrustCase{"SignedByAnotherCa", "other-ca", "localhost", "1", "a",
                   "unable to get local issuer certificate"},
         // The throwaway CA is in no system store.
-        TrustCase{"SystemStoreWhenCafileEmpty", "named", "localhost", "1", false,
+        TrustCase{"SystemStoreWhenCafileEmpty", "named", "localhost", "1", "",
                   "unable to get local issuer certificate"},
-        TrustCase{"AnotherNameUnverified", "other-name", "localhost", nullptr, true, nullptr},
-        TrustCase{"AnotherCaUnverified", "other-ca", "localhost", "0", true, nullptr}),
+        TrustCase{"CafileMissing", "named", "localhost", "1", "/etc/nivo/missing.pem", nullptr,
+                  "SSLException: error in init session cannot load the trusted certificates of "
+                  "/etc/nivo/missing.pem: No such file or directory"},
+        TrustCase{"AnotherNameUnverified", "other-name", "localhost", nullptr, "a", nullptr},
+        TrustCase{"AnotherCaUnverified", "other-ca", "localhost", "0", "a", nullptr}),
     [](const ::testing::TestParamInfo<TrustCase>& info) { return info.param.name; });
 
 struct ClientCertificateCase {
