@@ -209,6 +209,18 @@ TEST(ServiceExecute, PluginStartsWithDefaultSignalsAndTheWorkersMask) {
   sigaction(SIGUSR1, &previous, nullptr);
 }
 
+volatile sig_atomic_t termsReceived = 0;
+
+TEST(ServiceExecute, PluginLeadsItsOwnGroupSoSignallingItSparesTheAgent) {
+  struct sigaction count {
+  }, previous{};
+  count.sa_handler = [](int) { termsReceived = termsReceived + 1; };
+  sigaction(SIGTERM, &count, &previous);
+  EXPECT_EQ(run(plugin("fault_kill_group.sh"), "").out, "group leader\n");
+  EXPECT_EQ(termsReceived, 0);
+  sigaction(SIGTERM, &previous, nullptr);
+}
+
 TEST(ServiceExecute, ManyRunsFromThreadsLeaveNoDescriptorAndNoChild) {
   const std::vector<std::tuple<std::string, std::string, int>> cases = {
       {plugin("plugin_exit.sh"), "ok 0", 0}, {plugin("plugin_silent.sh"), "255", 3},
