@@ -1,8 +1,10 @@
 #include "qavel-client.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -17,6 +19,7 @@
 #include <json/json.h>
 
 #include "../common/iniConfig.h"
+#include "../common/uniqueFd.h"
 #include "../link/qavel.h"
 #include "../link/task.h"
 #include "statusFile.h"
@@ -366,15 +369,54 @@ void HandlerQuit(int signal) {
   stopSignal::wake();
 }
 
+namespace {
+
+// The last line written to the last-execution file, and where; under mutex_lastexec.
+std::string lastExecWrittenPath;
+std::time_t lastExecWritten = -1;
+
+// write(2) of the whole text; false with errno set when it fails.
+bool writeWhole(int fd, const std::string& text) {
+  std::size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
+    if (written == -1) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    done += static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+}  // namespace
+
 void writeLastExecTime() {
   const std::time_t now = std::time(nullptr);
   std::lock_guard<std::mutex> guard(mutex_lastexec);
-  std::ofstream file(pathLastExecFile, std::ios::out | std::ios::trunc);
-  if (file.is_open()) {
-    file << now << '\n';
+  // The file holds whole seconds, so within the second last written its content would not change;
+  // a rewrite per result would cost a disk write per result (ext4 writes a truncated and rewritten
+  // file back at close). A file removed meanwhile is written again.
+  struct stat written;
+  if (now == lastExecWritten && pathLastExecFile == lastExecWrittenPath &&
+      ::lstat(pathLastExecFile.c_str(), &written) == 0)
+    return;
+  // A symbolic link is not followed: the default directory lies under /tmp, where anyone may have
+  // planted one that would make the agent truncate a file of its choosing.
+  const UniqueFd file(::open(pathLastExecFile.c_str(),
+                             O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+  if (!file) {
+    lastExecWritten = -1;
+    throw new FileException("Error opening file: " + pathLastExecFile);  // deliberately a pointer
+  }
+  if (!writeWhole(file.get(), std::to_string(now) + "\n")) {
+    const int error = errno;
+    lastExecWritten = -1;
+    logLine(4, "Error writing file: " + pathLastExecFile + ": " + std::strerror(error));
     return;
   }
-  throw new FileException("Error opening file: " + pathLastExecFile);
+  lastExecWritten = now;
+  lastExecWrittenPath = pathLastExecFile;
 }
 
 namespace {

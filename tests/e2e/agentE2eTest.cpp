@@ -404,6 +404,13 @@ INSTANTIATE_TEST_SUITE_P(
         StartupFailure{"MissingLastExecKey",
                        [](agentSandbox& sandbox) { sandbox.removeKey("LOG", "lastExec"); },
                        kAborted, "Pool exec is running\n", kRunning},
+        StartupFailure{"LastExecIsSymbolicLink",
+                       [](agentSandbox& sandbox) {
+                         sandbox.writeFile("victim", "keep\n");
+                         std::filesystem::create_symlink(sandbox.path("victim"),
+                                                         sandbox.path("tmp/lastexec"));
+                       },
+                       kAborted, "Pool exec is running\n", kRunning},
         StartupFailure{"MissingThreadCount", setting("thread", ""), kAborted, "CREATE EXEC POOL\n",
                        kRunning}),
     [](const ::testing::TestParamInfo<StartupFailure>& info) { return info.param.name; });
