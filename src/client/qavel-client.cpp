@@ -14,6 +14,7 @@
 #include <fstream>
 #include <iostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <json/json.h>
@@ -64,8 +65,10 @@ std::condition_variable poolsPublished;
 // Order of priority up to this value go to the web pool, the others to the monitor pool.
 constexpr int kWebPriorityMax = 4;
 
-void logLine(char level, const std::string& message) {
-  if (fileLog != nullptr) fileLog->write(level, message);
+// A line of the parts joined, the text built only when the log writes the line.
+template <typename... Parts>
+void logLine(char level, const Parts&... parts) {
+  if (fileLog != nullptr) fileLog->writeJoined(level, parts...);
 }
 
 // The end of every path out of the agent. The process ends with _exit, after the log (which
@@ -433,7 +436,7 @@ void dispatchOrder(QAVEL& qavel, int& identifier) {
   const std::string name = order["NAME"].asString();
   const std::string parameter = order["PARAMETER"].asString();
   const int priority = order["PRIORITY"].asInt();
-  logLine(0, "EXEC plugin " + name + " " + parameter);
+  logLine(0, "EXEC plugin ", name, " ", parameter);
 
   const auto plugin = pluginPathExec.find(name);
   auto svc = std::make_shared<service>();
@@ -450,7 +453,7 @@ void dispatchOrder(QAVEL& qavel, int& identifier) {
   }
   svc->Setpath(plugin->second);
   svc->Setparameter(parameter);
-  logLine(0, "SEND EXEC to pool: " + name);
+  logLine(0, "SEND EXEC to pool: ", name);
   if (PoolThreadService* pool = poolFor(priority)) pool->executeService(svc);
 }
 
@@ -458,11 +461,11 @@ void dispatchOrder(QAVEL& qavel, int& identifier) {
 
 void on_message(std::weak_ptr<void> /*hdl*/, std::string message) {
   try {
-    logLine(0, "Receive message " + message);
+    logLine(0, "Receive message ", message);
     QAVEL qavel;
     qavel.parseMessage(message);
     const std::string command = qavel.getQAVELCommand();
-    logLine(0, "COMMAND " + command);
+    logLine(0, "COMMAND ", command);
     if (command == "REGISTER-RESPONSE") {
       if (qavel.getQAVELParameter("STATUS") != "0") {
         logLine(2, "BAD register status receive by server (quit): ");
@@ -494,8 +497,8 @@ void callbackService(std::shared_ptr<service> svc) {
   try {
     QAVEL qavel;
     const std::string name = svc->Getname();
-    const std::string output = svc->GetStdout();
-    logLine(0, "Service END " + name + " OUTPUT " + output);
+    std::string output = svc->GetStdout();
+    logLine(0, "Service END ", name, " OUTPUT ", output);
     Task task(static_cast<int>(svc->GetService_id()));
     const int rc = svc->GetReturnCode();
     if (rc == 255) {
@@ -506,11 +509,11 @@ void callbackService(std::shared_ptr<service> svc) {
       task.setExecutionStatus(0);
     }
     task.setReturn(rc);
-    task.setOutput(output);
-    logLine(0, name + " send status service");
-    const std::string text = qavel.buildJsonTaskState(task);
+    task.setOutput(std::move(output));
+    logLine(0, name, " send status service");
+    std::string text = qavel.buildJsonTaskState(task);
     logLine(0, text);
-    endpoint->send(text);
+    endpoint->send(std::move(text));
     writeLastExecTime();
   } catch (const Json::LogicError& e) {
     logLine(4, std::string("NIVO  JSON exception ") + e.what());

@@ -220,18 +220,18 @@ std::shared_ptr<boost::asio::ssl::context> WSSEndpoint::enableSSLMode(
 
 void WSSEndpoint::on_message(websocketpp::connection_hdl hdl, client::message_ptr msg) {
   const std::string payload = msg->get_payload();
-  Trace(0, "on_message function: " + payload);
+  traceJoined(0, "on_message function: ", payload);
   // Read before the loan: while lent out, a borrower may store a new callback.
   const MessageCallback callback = callback_;
   if (callback != nullptr) {
     const CallbackLoan loan(*this);
     callback(std::move(hdl), payload);
   }
-  Trace(0, "on_message function end");
+  traceJoined(0, "on_message function end");
 }
 
 void WSSEndpoint::send(std::string text) {
-  Trace(0, "send function: " + text);
+  traceJoined(0, "send function: ", text);
   const websocketpp::lib::error_code ec = onNetworkThread([this, &text] {
     websocketpp::lib::error_code first;
     endpoint_.send(hdl_, text, websocketpp::frame::opcode::text, first);
@@ -246,7 +246,7 @@ void WSSEndpoint::send(std::string text) {
   if (ec) {
     fail("Error sending message: " + ec.message());
   }
-  Trace(0, "send function end");
+  traceJoined(0, "send function end");
 }
 
 void WSSEndpoint::ping() {
@@ -288,8 +288,4 @@ void WSSEndpoint::fail(const std::string& text) {
   throw WSSEndpointException(text);
 }
 
-void WSSEndpoint::Trace(int level, std::string text) {
-  if (log_ != nullptr) {
-    log_->write(static_cast<char>(level), "ENDPOINT SOCKET: " + text);
-  }
-}
+void WSSEndpoint::Trace(int level, std::string text) { traceJoined(level, text); }

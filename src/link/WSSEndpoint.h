@@ -50,6 +50,11 @@ class WSSEndpoint {
 
  private:
   void setUp();
+  // Trace(level, the parts joined), the text built only when the log writes the line.
+  template <typename... Parts>
+  void traceJoined(int level, const Parts&... parts) {
+    if (log_ != nullptr) log_->writeJoined(static_cast<char>(level), "ENDPOINT SOCKET: ", parts...);
+  }
   // Logs `text` at level 4 and throws it as a WSSEndpointException.
   [[noreturn]] void fail(const std::string& text);
   // Runs the operation on the network thread and returns its result; a failure comes back as a
