@@ -62,6 +62,9 @@ struct AgentStopped {};
 std::mutex poolsLock;
 std::condition_variable poolsPublished;
 
+// The bounds of every plugin run that an order asks for; set once at start-up.
+RunLimits pluginRunLimits;
+
 // Order of priority up to this value go to the web pool, the others to the monitor pool.
 constexpr int kWebPriorityMax = 4;
 
@@ -229,6 +232,8 @@ Identity findIdentity(const std::string& ipCommand) {
 void readSettings(iniConfig& config) {
   std::vector<std::string> problems;
   agentSettings = readAgentSettings(config, problems);
+  pluginRunLimits = {agentSettings.pluginTimeout, agentSettings.maxOutput,
+                     agentSettings.unknownOnFailure};
   for (const std::string& problem : problems) fileLog->write(3, "NIVO configuration: " + problem);
 }
 
@@ -453,6 +458,7 @@ void dispatchOrder(QAVEL& qavel, int& identifier) {
   }
   svc->Setpath(plugin->second);
   svc->Setparameter(parameter);
+  svc->SetRunLimits(pluginRunLimits);
   logLine(0, "SEND EXEC to pool: ", name);
   if (PoolThreadService* pool = poolFor(priority)) pool->executeService(svc);
 }

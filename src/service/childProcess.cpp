@@ -1,6 +1,7 @@
 #include "service/childProcess.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -12,6 +13,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <thread>
 
 #if !defined(__x86_64__) && !defined(__aarch64__)
 // resetSignalDispositions() hands the kernel its own sigaction layout, which differs by
@@ -252,8 +254,39 @@ ChildProcess::~ChildProcess() {
   waitRetry(pid_, &ignored, 0);
 }
 
-pid_t ChildProcess::wait(int* status) noexcept {
-  const pid_t result = waitRetry(pid_, status, WUNTRACED | WCONTINUED);
+int Deadline::millisecondsLeft() const {
+  const auto left = at_ - std::chrono::steady_clock::now();
+  if (left <= std::chrono::steady_clock::duration::zero()) return 0;
+  return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
+}
+
+int waitReadable(int fd, const Deadline& deadline) {
+  pollfd watched{fd, POLLIN, 0};
+  for (;;) {
+    const int ready = ::poll(&watched, 1, deadline.millisecondsLeft());
+    if (ready != -1 || errno != EINTR) return ready > 0 ? 1 : ready;
+  }
+}
+
+pid_t ChildProcess::wait(int* status, const Deadline& deadline) noexcept {
+  pid_t result;
+  if (!deadline.set()) {
+    result = waitRetry(pid_, status, WUNTRACED | WCONTINUED);
+  } else {
+    // There is no waitpid with a time-out. Once the output has ended, the child normally ends
+    // within microseconds, so the first looks come quickly; one that closed its output and runs
+    // on is looked at every 50 ms at most.
+    auto pause = std::chrono::microseconds(20);
+    for (;;) {
+      result = waitRetry(pid_, status, WNOHANG | WUNTRACED | WCONTINUED);
+      if (result != 0) break;
+      const int left = deadline.millisecondsLeft();
+      if (left == 0) return 0;
+      std::this_thread::sleep_for(
+          std::min<std::chrono::microseconds>(pause, std::chrono::milliseconds(left)));
+      pause = std::min<std::chrono::microseconds>(pause * 2, std::chrono::milliseconds(50));
+    }
+  }
   // After a failure the pid may already be reaped by someone else and reused: never kill it.
   if (result == -1 || WIFEXITED(*status) || WIFSIGNALED(*status)) pid_ = 0;
   return result;

@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,24 @@ pid_t forkChild(const ChildSetup& setup);
 // waitpid, retried on EINTR.
 pid_t waitRetry(pid_t pid, int* status, int options);
 
+// A point in time some whole seconds from now, or none at all (0 seconds).
+class Deadline {
+ public:
+  explicit Deadline(int seconds)
+      : set_(seconds > 0), at_(std::chrono::steady_clock::now() + std::chrono::seconds(seconds)) {}
+  bool set() const noexcept { return set_; }
+  // Milliseconds left, rounded up, 0 once passed; only for a set deadline.
+  int millisecondsLeft() const;
+
+ private:
+  bool set_;
+  std::chrono::steady_clock::time_point at_;
+};
+
+// poll() for input on `fd` until the deadline: 1 readable (or at its end), 0 deadline passed,
+// -1 with errno on failure.
+int waitReadable(int fd, const Deadline& deadline);
+
 // A child of ours until it has been reaped. One that is only stopped or continued when we stop
 // waiting (or whose output could not be read) would otherwise stay in the process table for good,
 // and become a zombie nobody reaps once it ends: it is killed and reaped on the way out.
@@ -63,8 +82,9 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
   ~ChildProcess();
 
-  // waitpid(pid, WUNTRACED | WCONTINUED); -1 with errno on failure.
-  pid_t wait(int* status) noexcept;
+  // waitpid(pid, WUNTRACED | WCONTINUED); -1 with errno on failure. With a set deadline, 0 when
+  // the child has not ended, stopped or continued by then.
+  pid_t wait(int* status, const Deadline& deadline = Deadline(0)) noexcept;
   pid_t pid() const noexcept { return pid_; }
 
  private:

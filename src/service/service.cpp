@@ -10,7 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <boost/tokenizer.hpp>
 #include <cerrno>
 #include <cstring>
@@ -29,6 +29,22 @@ void appendTokens(const std::string& text, std::vector<std::string>& tokens) {
 }
 
 char* const kEmptyEnvironment[] = {nullptr};
+
+// Between SIGTERM and SIGKILL when a plugin outlives its time limit.
+constexpr int kGraceSeconds = 1;
+
+// The length of `text` without a last UTF-8 sequence that a cut left incomplete.
+std::size_t utf8Boundary(const std::string& text) {
+  std::size_t lead = text.size();
+  // A sequence is at most four bytes long: back over up to three continuation bytes (10xxxxxx).
+  while (lead > 0 && text.size() - lead < 4 &&
+         (static_cast<unsigned char>(text[lead - 1]) & 0xC0) == 0x80)
+    --lead;
+  if (lead == 0) return text.size();
+  const unsigned char first = static_cast<unsigned char>(text[lead - 1]);
+  const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : first >= 0xC0 ? 2 : 1;
+  return lead - 1 + length > text.size() ? lead - 1 : text.size();
+}
 
 }  // namespace
 
@@ -63,6 +79,7 @@ service::service(const service& other) {
   lastValidateReturnCode_ = other.getLastValidateReturnCode();
   service_idStr_ = other.GetService_idStr();
   stdout_ = other.GetStdout();
+  limits_ = other.limits_;
 }
 
 service::~service() = default;
@@ -94,6 +111,8 @@ void service::Setinterval_exec_time(int interval) {
 }
 
 void service::SetReturnCode(int code) { returnCode_ = code; }
+
+void service::SetRunLimits(const RunLimits& limits) { limits_ = limits; }
 
 std::int64_t service::GetDevice_id() const { return device_id_; }
 std::int32_t service::GetPlugin_id() const { return plugin_id_; }
@@ -129,15 +148,66 @@ std::string service::failureText(const char* prefix, int error) const {
   return prefix + description() + std::strerror(error);
 }
 
+void service::fail(const char* prefix, int error) {
+  const std::string text = failureText(prefix, error);
+  if (limits_.unknownOnFailure) {
+    returnCode_ = 3;
+    stdout_ = text;
+  }
+  throw serviceException(text);
+}
+
+std::string service::readOutput(int fd, pid_t group, const Deadline& deadline, bool& timedOut) {
+  std::string output;
+  bool truncated = false;
+  const std::size_t keep = limits_.maxOutput > 0 ? limits_.maxOutput : std::string::npos;
+  Deadline until = deadline;
+  char buffer[1024];
+  for (;;) {
+    if (until.set()) {
+      const int ready = waitReadable(fd, until);
+      if (ready == -1) fail("Error read buffer: ", errno);
+      if (ready == 0) {
+        if (timedOut) {
+          // Whatever still holds the pipe has outlived SIGTERM: the group is killed, and the
+          // output of anything that left the group is not waited for.
+          ::kill(-group, SIGKILL);
+          break;
+        }
+        timedOut = true;
+        ::kill(-group, SIGTERM);
+        until = Deadline(kGraceSeconds);
+        continue;
+      }
+    }
+    const ssize_t received = ::read(fd, buffer, sizeof buffer);
+    if (received == 0) break;
+    if (received == -1) {
+      if (errno == EINTR) continue;
+      fail("Error read buffer: ", errno);
+    }
+    // Each chunk is taken as text: a NUL ends it, and the rest of that chunk is dropped. Beyond
+    // the output limit the plugin is still read to its end, so that it never blocks on the pipe.
+    const std::size_t text = ::strnlen(buffer, static_cast<size_t>(received));
+    const std::size_t room = keep - std::min(keep, output.size());
+    if (text > room) truncated = true;
+    output.append(buffer, std::min(text, room));
+  }
+  if (truncated) {
+    output.resize(utf8Boundary(output));
+    if (!output.empty() && output.back() != '\n') output += '\n';
+    output += "[output truncated after " + std::to_string(limits_.maxOutput) + " bytes]\n";
+  }
+  return output;
+}
+
 int service::execute() {
   stdout_.clear();
-  std::string output;
 
   int ends[2];
   // Close-on-exec: a plugin that another worker starts meanwhile must not hold this pipe open, or
   // this read loop would wait for that plugin too.
-  if (::pipe2(ends, O_CLOEXEC) == -1)
-    throw serviceException(failureText("Error open pipe ", errno));
+  if (::pipe2(ends, O_CLOEXEC) == -1) fail("Error open pipe ", errno);
   UniqueFd readEnd(ends[0]);
   UniqueFd writeEnd(ends[1]);
 
@@ -151,25 +221,36 @@ int service::execute() {
   setup.execFailurePrefix = "DAEMON: plugin is not executable ";
   setup.ownProcessGroup = true;
   const pid_t pid = spawnChild(setup);
-  if (pid == -1) throw serviceException(failureText("Error create fork ", errno));
+  if (pid == -1) fail("Error create fork ", errno);
+  const Deadline deadline(limits_.timeoutSeconds);
   ChildProcess child(pid);
   writeEnd.reset();  // ours would keep the read loop from ever seeing the end of the output
 
-  char buffer[1024];
-  for (;;) {
-    const ssize_t received = ::read(readEnd.get(), buffer, sizeof buffer);
-    if (received == 0) break;
-    if (received == -1) {
-      if (errno == EINTR) continue;
-      throw serviceException(failureText("Error read buffer: ", errno));
-    }
-    // Each chunk is taken as text: a NUL ends it, and the rest of that chunk is dropped.
-    output.append(buffer, ::strnlen(buffer, static_cast<size_t>(received)));
-  }
-  stdout_ = output;
+  bool timedOut = false;
+  std::string output = readOutput(readEnd.get(), pid, deadline, timedOut);
 
   int status = 0;
-  if (child.wait(&status) == -1) throw serviceException(failureText("Error execute ", errno));
+  pid_t waited = 0;
+  if (!timedOut) {
+    waited = child.wait(&status, deadline);
+    if (waited == 0) {  // its output ended, the plugin ran on past its limit
+      timedOut = true;
+      ::kill(-pid, SIGTERM);
+    }
+  }
+  if (timedOut) {
+    if (waited == 0 && child.wait(&status, Deadline(kGraceSeconds)) == 0) ::kill(-pid, SIGKILL);
+    // No retry: a plugin that hangs would hang again. The child's owner reaps it on the way out.
+    returnCode_ = 3;
+    stdout_ =
+        "UNKNOWN: plugin timed out after " + std::to_string(limits_.timeoutSeconds) + " seconds\n";
+    return 3;
+  }
+  if (waited == -1) {
+    const int error = errno;
+    stdout_ = output;  // the raw output stays with a failed wait
+    fail("Error execute ", error);
+  }
   readEnd.reset();
 
   if ((status & 0x7f) != 0) {  // ended by a signal, stopped or continued
