@@ -228,6 +228,7 @@ int service::execute() {
 
   bool timedOut = false;
   std::string output = readOutput(readEnd.get(), pid, deadline, timedOut);
+  stdout_ = output;
 
   int status = 0;
   pid_t waited = 0;
@@ -246,11 +247,7 @@ int service::execute() {
         "UNKNOWN: plugin timed out after " + std::to_string(limits_.timeoutSeconds) + " seconds\n";
     return 3;
   }
-  if (waited == -1) {
-    const int error = errno;
-    stdout_ = output;  // the raw output stays with a failed wait
-    fail("Error execute ", error);
-  }
+  if (waited == -1) fail("Error execute ", errno);
   readEnd.reset();
 
   if ((status & 0x7f) != 0) {  // ended by a signal, stopped or continued

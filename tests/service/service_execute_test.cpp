@@ -124,6 +124,7 @@ TEST(ServiceExecute, ExitCodeOutsideZeroToFiveOrNoOutputBecomesUnknown) {
   const Outcome quotes = run(plugin("plugin_bytes.sh"), "\\047\\047");
   EXPECT_EQ(quotes.code, 3);
   EXPECT_EQ(quotes.error, kNothing);
+  EXPECT_EQ(quotes.out, "''");  // the raw output stays with the exception
   EXPECT_EQ(run(plugin("plugin_bytes.sh"), "\\047\\047\\040").out, "'' ");
 }
 
