@@ -21,6 +21,11 @@
 #error "the child-process code knows the kernel's sigaction layout of x86_64 and aarch64 only"
 #endif
 
+// The C library's clone() under its other exported name. ThreadSanitizer intercepts clone() and
+// treats every call like a fork: in the child it resets its own state, which a child that shares
+// the agent's memory would reset for the agent. Nothing intercepts __clone.
+extern "C" int __clone(int (*entry)(void*), void* stack, int flags, void* argument, ...);
+
 namespace {
 
 // strerror() that is safe in a child: the texts are taken once, in the parent.
@@ -227,7 +232,7 @@ pid_t spawnChild(const ChildSetup& setup) {
   return withSignalsBlocked(setup, [&stack](const ChildArgs& args) {
     // CLONE_VFORK: this thread sleeps until the child has called execve or ended, so the stack,
     // the setup and the mask it reads stay valid, and are free again when clone() returns.
-    return ::clone(cloneEntry, stack.top(), CLONE_VM | CLONE_VFORK | SIGCHLD,
+    return __clone(cloneEntry, stack.top(), CLONE_VM | CLONE_VFORK | SIGCHLD,
                    const_cast<ChildArgs*>(&args));
   });
 }
