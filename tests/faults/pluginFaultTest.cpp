@@ -4,6 +4,7 @@
 // back to its idle size.
 #include <sys/resource.h>
 
+#include "../common/leftovers.h"
 #include "faultTest.h"
 
 namespace agentTest {
@@ -17,18 +18,6 @@ std::string bigOutput(std::size_t bytes) {
   while (text.size() < bytes) text += line;
   text.resize(bytes);
   return text;
-}
-
-// Processes whose command line mentions `text`: what a plugin left running.
-int processesMentioning(const std::string& text) {
-  int count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    std::ifstream file(entry.path() / "cmdline");
-    const std::string line((std::istreambuf_iterator<char>(file)),
-                           std::istreambuf_iterator<char>());
-    if (line.find(text) != std::string::npos) ++count;
-  }
-  return count;
 }
 
 class PluginFaultTest : public FaultTest {

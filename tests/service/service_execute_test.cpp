@@ -16,6 +16,7 @@
 #include <tuple>
 #include <vector>
 
+#include "../common/leftovers.h"
 #include "../common/tempDirTest.h"
 #include "service/service.h"
 #include "serviceTestPeer.h"
@@ -78,18 +79,6 @@ std::string failToOpenPipe(service& s) {
   }
   setrlimit(RLIMIT_NOFILE, &limit);
   return error;
-}
-
-// Processes whose command line mentions `text`: what a plugin left running.
-int processesMentioning(const std::string& text) {
-  int count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    std::ifstream file(entry.path() / "cmdline");
-    const std::string line((std::istreambuf_iterator<char>(file)),
-                           std::istreambuf_iterator<char>());
-    if (line.find(text) != std::string::npos) ++count;
-  }
-  return count;
 }
 
 const char kNothing[] = "DAEMON: the plugin does not return anything on the stdout";
