@@ -13,6 +13,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -76,6 +77,11 @@ class WSSEndpoint {
 
  private:
   void setUp();
+  // Trace(level, the parts joined), the text built only when the log writes the line.
+  template <typename... Parts>
+  void traceJoined(int level, const Parts&... parts) {
+    if (log_ != nullptr) log_->writeJoined(static_cast<char>(level), "ENDPOINT SOCKET: ", parts...);
+  }
   // Logs `text` at level 4 and throws it as a WSSEndpointException.
   [[noreturn]] void fail(const std::string& text);
   void announceLinkEvent();  // to options_.onLinkEvent
@@ -88,7 +94,15 @@ class WSSEndpoint {
   // WSSEndpointException with its text.
   template <typename Operation>
   auto onNetworkThread(Operation operation) -> decltype(operation());
+  class PendingCall;
+  template <typename Operation>
+  class Call;
   class CallbackLoan;
+  // Claims `call` for the thread that runs it; false when another thread already has. Under
+  // loanLock_.
+  bool claim(PendingCall& call);
+  // Runs a claimed call and wakes the one thread waiting for it.
+  void complete(PendingCall& call);
 
   client endpoint_;
   std::mutex mutex_;
@@ -102,9 +116,11 @@ class WSSEndpoint {
   [[maybe_unused]] std::int32_t status_ = 254;  // no operation reads it yet
   // While the network thread is inside the message callback, it touches no connection state:
   // another thread may then use the connection directly ("borrow" the thread), for the callback
-  // may be waiting for that very thread.
+  // may be waiting for that very thread. Calls waiting when the callback starts are run by the
+  // network thread first. All of it under loanLock_.
   std::mutex loanLock_;
-  std::condition_variable loanChanged_;
+  std::condition_variable borrowersGone_;  // only the network thread waits here
+  std::list<std::shared_ptr<PendingCall>> unclaimed_;
   bool inCallback_ = false;
   int borrowers_ = 0;
 };
