@@ -41,13 +41,14 @@ class KeyReader {
 
   bool flag(const char* section, const char* key) { return count(section, key, 1) == 1; }
 
-  // The path when it names a readable file; "" otherwise.
-  std::string readableFile(const char* section, const char* key) {
+  // The path, with a problem line when it names no readable file. The path is kept all the same:
+  // a client key that is asked for and missing must stop the link, not let it go without one.
+  std::string file(const char* section, const char* key) {
     const std::string path = config_.getKey(section, key);
-    if (path.empty() || ::access(path.c_str(), R_OK) == 0) return path;
-    problems_.push_back(std::string(section) + "/" + key + ": cannot read " + path + ": " +
-                        std::strerror(errno) + "; the key is ignored");
-    return "";
+    if (!path.empty() && ::access(path.c_str(), R_OK) != 0)
+      problems_.push_back(std::string(section) + "/" + key + ": cannot read " + path + ": " +
+                          std::strerror(errno));
+    return path;
   }
 
  private:
@@ -66,7 +67,7 @@ AgentSettings readAgentSettings(iniConfig& config, std::vector<std::string>& pro
   KeyReader keys(config, problems);
   AgentSettings settings;
   settings.verifyServer = keys.flag("SSL", "verify_server");
-  settings.clientKey = keys.readableFile("SSL", "client_key");
+  settings.clientKey = keys.file("SSL", "client_key");
   settings.pluginTimeout = static_cast<int>(keys.count("NIVO", "plugin_timeout", kMaxSeconds));
   settings.maxOutput = static_cast<std::size_t>(keys.count("NIVO", "max_output", kMaxOutput));
   settings.maxWorkers = static_cast<int>(keys.count("NIVO", "max_workers", kMaxWorkers));

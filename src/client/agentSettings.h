@@ -1,7 +1,8 @@
 // The agent's opt-in production keys. Each is read once at start-up; absent, empty or 0 means off,
-// and the agent then behaves as it always has. A value that cannot be used (not a number, a file
-// that cannot be read) leaves its key off and is reported as one line naming the key, which the
-// agent logs at WARNING level and `--check-config` prints.
+// and the agent then behaves as it always has. A value that is not a number leaves its key off; a
+// key file that cannot be read is kept, so that the link refuses to start without it. Either is
+// reported as one line naming the key, which the agent logs at WARNING level and `--check-config`
+// prints.
 #pragma once
 
 #include <cstddef>

@@ -65,10 +65,10 @@ TEST_F(AgentSettingsTest, FlagsAreZeroOrOneAndAKeyFileMustBeReadable) {
 
   settings = read("unknown_on_failure=2\n", "client_key=" + path("absent.key") + "\n");
   EXPECT_FALSE(settings.unknownOnFailure);
-  EXPECT_EQ(settings.clientKey, "");
+  EXPECT_EQ(settings.clientKey, path("absent.key"));
   ASSERT_EQ(problems_.size(), 2u);
-  EXPECT_EQ(problems_[0], "SSL/client_key: cannot read " + path("absent.key") +
-                              ": No such file or directory; the key is ignored");
+  EXPECT_EQ(problems_[0],
+            "SSL/client_key: cannot read " + path("absent.key") + ": No such file or directory");
   EXPECT_EQ(problems_[1].rfind("NIVO/unknown_on_failure: '2' is not a whole number from 0 to 1", 0),
             0u);
 }

@@ -182,6 +182,8 @@ INSTANTIATE_TEST_SUITE_P(
         ClientCertificateCase{"KeyOfAnotherCertificate", "agent", "stranger",
                               "client key PKI/stranger.key does not fit client certificate "
                               "PKI/agent.pem: key values mismatch"},
+        ClientCertificateCase{"KeyMissing", "agent", "absent",
+                              "cannot read client key PKI/absent.key: No such file or directory"},
         ClientCertificateCase{"CertificateMissing", nullptr, "agent",
                               "cannot read client certificate /etc/nivo/agent.pem: No such file "
                               "or directory"}),
