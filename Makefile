@@ -41,8 +41,10 @@ test-all: test test-asan test-tsan fuzz-ci
 demo: build
 	scripts/demo build
 
+# The plugin runner against a bare vfork, then the whole agent against a bare posix_spawn.
 bench: build
 	build/bench/bench_execute
+	build/bench/bench_agent
 
 FUZZ_SECONDS ?= 300
 fuzz: deps

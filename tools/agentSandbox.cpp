@@ -51,6 +51,18 @@ struct descriptor {
   _exit(127);
 }
 
+// The children of every thread of `pid`, as /proc lists them.
+std::vector<pid_t> childrenOf(pid_t pid) {
+  std::vector<pid_t> children;
+  std::error_code ignored;
+  const fs::path tasks = "/proc/" + std::to_string(pid) + "/task";
+  for (const auto& task : fs::directory_iterator(tasks, ignored)) {
+    std::ifstream list(task.path() / "children");
+    for (pid_t child; list >> child;) children.push_back(child);
+  }
+  return children;
+}
+
 }  // namespace
 
 agentSandbox::agentSandbox(Paths paths, const std::string& serverUrl, const std::string& parent)
@@ -77,11 +89,15 @@ agentSandbox::agentSandbox(Paths paths, const std::string& serverUrl, const std:
 }
 
 agentSandbox::~agentSandbox() {
+  // Plugins still running (a blocked one, say) hold files in the directory about to be removed.
+  // Each leads a process group of its own, with whatever it started.
+  std::vector<pid_t> plugins;
   if (running()) {
+    plugins = childrenOf(pid_);
     kill(pid_, SIGKILL);
     waitExit(std::chrono::seconds(10));
   }
-  // Plugins still running (a blocked one, say) hold files in the directory about to be removed.
+  for (const pid_t plugin : plugins) kill(-plugin, SIGKILL);
   if (pid_ > 0) kill(-pid_, SIGKILL);
   std::error_code ignored;
   fs::remove_all(dir_, ignored);

@@ -2,7 +2,8 @@
 // The sandbox is a fresh directory (never under /tmp) holding the agent's configuration, serial
 // number, plugin list, plugins, log and status file; scripts/sandbox-run starts the agent in a
 // private mount namespace where /etc/nivo is <dir>/etc and /tmp/nivo is <dir>/tmp, so its fixed
-// paths point into the sandbox and the host's own files are never touched. Needs root.
+// paths point into the sandbox and the host's own files are never touched. The rest of the host's
+// tree stays visible, so the agent and its plugins may live anywhere, /tmp included. Needs root.
 #pragma once
 
 #include <sys/types.h>

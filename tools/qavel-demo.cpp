@@ -2,7 +2,9 @@
 // certificate, starts a real qavel-client in a private sandbox whose catalogue holds real
 // monitoring plugins and one sample plugin of ours, sends a handful of orders (one for a plugin
 // the agent does not know), prints the results as a table, stops the agent with SIGTERM and shows
-// how it ended.
+// how it ended. A run that fails says why on one screen; every run, failed or interrupted, stops
+// the agent and removes its sandbox.
+#include <errno.h>
 #include <getopt.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -13,8 +15,11 @@
 #include <iomanip>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "agentSandbox.h"
@@ -67,6 +72,81 @@ const char* stateName(int code) {
   }
 }
 
+// Set from signal context by Ctrl-C, SIGTERM or a closed terminal; the waits below look at it
+// often, and the way out runs the sandbox's destructor, which stops the agent and removes it.
+volatile sig_atomic_t interrupted = 0;
+
+extern "C" void noteInterrupt(int) { interrupted = 1; }
+
+void catchInterrupts() {
+  struct sigaction action {};
+  action.sa_handler = noteInterrupt;
+  if (sigemptyset(&action.sa_mask) != 0)
+    throw std::system_error(errno, std::generic_category(), "sigemptyset");
+  for (const int signo : {SIGINT, SIGTERM, SIGHUP}) {
+    if (sigaction(signo, &action, nullptr) != 0)
+      throw std::system_error(errno, std::generic_category(), "sigaction");
+  }
+}
+
+struct Interrupted {};
+
+void leaveIfInterrupted() {
+  if (interrupted != 0) throw Interrupted{};
+}
+
+// How long each wait step lasts: bounds how late an interrupt or the agent's end is noticed.
+constexpr std::chrono::milliseconds kStep{100};
+
+// The frames, once there are `count`; fewer once the limit has passed or the agent has ended.
+std::vector<qavel::ReceivedFrame> waitForFrames(qavel::QavelServer& server, agentSandbox& agent,
+                                                std::size_t count, std::chrono::seconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  for (;;) {
+    std::vector<qavel::ReceivedFrame> frames = server.waitForFrames(count, kStep);
+    if (frames.size() >= count || std::chrono::steady_clock::now() >= deadline) return frames;
+    // What it sent just before it ended may still be on its way.
+    if (!agent.running()) return server.waitForFrames(count, kStep);
+    leaveIfInterrupted();
+  }
+}
+
+std::optional<int> waitForEnd(agentSandbox& agent, std::chrono::seconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  for (;;) {
+    if (const auto status = agent.waitExit(kStep)) return status;
+    if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+    leaveIfInterrupted();
+  }
+}
+
+// The last `count` lines of a text, each indented; "(nothing)" for an empty one.
+std::string lastLines(const std::string& text, std::size_t count) {
+  std::istringstream in(text);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  if (lines.empty()) return "  (nothing)\n";
+  std::string shown;
+  for (std::size_t i = lines.size() > count ? lines.size() - count : 0; i < lines.size(); ++i)
+    shown += "  " + lines[i] + "\n";
+  return shown;
+}
+
+// Why a run failed, on one screen: what went wrong, how the agent ended, what it printed (its
+// standard error goes to its standard output once its log is open) and the end of its log.
+void explainFailure(const std::string& what, agentSandbox& agent) {
+  std::cerr << "qavel-demo: " << what << "\n"
+            << "the agent: " << agentSandbox::describeEnd(agent.waitExit(kStep))
+            << (agent.running() ? " (the demo stops it)" : "") << "\n"
+            << "its standard error and output:\n"
+            << lastLines(agent.errors() + agent.output(), 8) << "the last lines of its log:\n"
+            << lastLines(agent.log(), 12);
+}
+
+struct DemoFailure : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
 std::string firstLine(const std::string& text, std::size_t width) {
   std::string line = text.substr(0, text.find('\n'));
   if (line.size() > width) line = line.substr(0, width - 3) + "...";
@@ -112,27 +192,12 @@ Options parseOptions(int argc, char** argv) {
   return options;
 }
 
-int runDemo(const Options& options) {
-  qavel::ServerOptions serverOptions;
-  serverOptions.registerReply = qavel::RegisterReply::withStatus(0);
-  qavel::QavelServer server(serverOptions);
-  server.start();
-  const std::string url = "wss://127.0.0.1:" + std::to_string(server.port());
-  std::cout << "demo server listening on " << url << " (throwaway self-signed certificate)\n";
-
-  agentSandbox agent({options.agent, options.sandboxRun}, url);
-  for (const char* name : {"check_load", "check_disk", "check_procs", "check_users", "check_dummy"})
-    agent.addPlugin(name, options.pluginDir + "/" + name);
-  agent.addPlugin("check_uptime", options.samplePlugin);
-  agent.setKey("NIVO", "thread", "2");
-  agent.start({"-f", "/etc/nivo/qavel.conf"});
-  std::cout << "agent started (pid " << agent.pid() << ") in sandbox " << agent.dir() << "\n";
-
-  const auto registration = server.waitForFrames(1, std::chrono::seconds(15));
-  if (registration.empty()) {
-    std::cerr << "qavel-demo: the agent did not register; its log:\n" << agent.log();
-    return 1;
-  }
+// The run proper, once the agent has started; throws DemoFailure when something went wrong.
+int showAgentAtWork(qavel::QavelServer& server, agentSandbox& agent) {
+  const auto registration = waitForFrames(server, agent, 1, std::chrono::seconds(15));
+  if (registration.empty())
+    throw DemoFailure(agent.running() ? "the agent did not register within 15 s"
+                                      : "the agent ended before it registered");
   const Json::Value& reg = registration.front().json;
   std::cout << "REGISTER from SN " << reg.get("SN", "").asString() << ", IP "
             << reg.get("IP", "").asString() << ", MAC " << reg.get("MAC", "").asString() << "\n";
@@ -141,7 +206,7 @@ int runDemo(const Options& options) {
     server.sendExec(order.taskId, order.plugin, order.parameter, order.priority);
   std::cout << "sent " << kOrders.size() << " orders\n\n";
 
-  const auto frames = server.waitForFrames(1 + kOrders.size(), std::chrono::seconds(60));
+  const auto frames = waitForFrames(server, agent, 1 + kOrders.size(), std::chrono::seconds(60));
   std::map<int, Json::Value> answers;
   for (const qavel::ReceivedFrame& frame : frames) {
     if (frame.json.isObject() && frame.json.get("COMMAND", "").asString() == "EXEC-RESPONSE")
@@ -166,6 +231,9 @@ int runDemo(const Options& options) {
   }
   std::cout << "\nSTATE is the monitoring state of RETURN; STATUS 0 means the plugin ran, 2 that it"
                " is not in the agent's catalogue.\n\n";
+  if (answers.size() != kOrders.size())
+    throw DemoFailure(std::to_string(kOrders.size() - answers.size()) + " of " +
+                      std::to_string(kOrders.size()) + " orders were not answered");
 
   std::cout << "status file:\n" << agent.readFile("status");
   std::cout << "last result at (epoch seconds): " << agent.readFile("tmp/lastexec") << "\n";
@@ -173,26 +241,46 @@ int runDemo(const Options& options) {
   std::cout << "stopping the agent with SIGTERM...\n";
   const auto stopAt = std::chrono::steady_clock::now();
   agent.signal(SIGTERM);
-  const auto status = agent.waitExit(std::chrono::seconds(15));
+  const auto status = waitForEnd(agent, std::chrono::seconds(15));
   const auto after = std::chrono::duration_cast<std::chrono::milliseconds>(
       std::chrono::steady_clock::now() - stopAt);
-  if (!status) {
-    std::cerr << "qavel-demo: the agent did not stop within 15 s\n";
-    return 1;
-  }
+  if (!status) throw DemoFailure("the agent did not stop within 15 s of SIGTERM");
   std::cout << "agent ended after " << after.count() << " ms: " << agentSandbox::describeEnd(status)
             << "\n";
   if (const auto close = server.waitForClose(std::chrono::seconds(5)))
     std::cout << "server saw the link closed with code " << close->code << " \"" << close->reason
               << "\"\n";
-  std::cout << "last lines of the agent's log:\n";
-  std::istringstream log(agent.log());
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(log, line);) lines.push_back(line);
-  for (std::size_t i = lines.size() > 3 ? lines.size() - 3 : 0; i < lines.size(); ++i)
-    std::cout << "  " << lines[i] << "\n";
-  server.stop();
-  return answers.size() == kOrders.size() ? 0 : 1;
+  std::cout << "last lines of the agent's log:\n" << lastLines(agent.log(), 3);
+  return 0;
+}
+
+int runDemo(const Options& options) {
+  catchInterrupts();
+  qavel::ServerOptions serverOptions;
+  serverOptions.registerReply = qavel::RegisterReply::withStatus(0);
+  qavel::QavelServer server(serverOptions);
+  server.start();
+  const std::string url = "wss://127.0.0.1:" + std::to_string(server.port());
+  std::cout << "demo server listening on " << url << " (throwaway self-signed certificate)\n";
+
+  agentSandbox agent({options.agent, options.sandboxRun}, url);
+  for (const char* name : {"check_load", "check_disk", "check_procs", "check_users", "check_dummy"})
+    agent.addPlugin(name, options.pluginDir + "/" + name);
+  agent.addPlugin("check_uptime", options.samplePlugin);
+  agent.setKey("NIVO", "thread", "2");
+  agent.start({"-f", "/etc/nivo/qavel.conf"});
+  std::cout << "agent started (pid " << agent.pid() << ") in sandbox " << agent.dir() << "\n";
+
+  // Whichever way this ends, leaving runDemo stops the agent, removes the sandbox, then the peer.
+  try {
+    return showAgentAtWork(server, agent);
+  } catch (const Interrupted&) {
+    std::cerr << "qavel-demo: interrupted; stopping the agent and removing its sandbox\n";
+    return 130;
+  } catch (const std::exception& e) {
+    explainFailure(e.what(), agent);
+    return 1;
+  }
 }
 
 }  // namespace

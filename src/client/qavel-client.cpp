@@ -1,8 +1,10 @@
 #include "qavel-client.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,11 +14,13 @@
 #include <fstream>
 #include <iostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <json/json.h>
 
 #include "../common/iniConfig.h"
+#include "../common/uniqueFd.h"
 #include "../link/qavel.h"
 #include "../link/task.h"
 #include "configCheck.h"
@@ -59,11 +63,16 @@ struct AgentStopped {};
 std::mutex poolsLock;
 std::condition_variable poolsPublished;
 
+// The bounds of every plugin run that an order asks for; set once at start-up.
+RunLimits pluginRunLimits;
+
 // Order of priority up to this value go to the web pool, the others to the monitor pool.
 constexpr int kWebPriorityMax = 4;
 
-void logLine(char level, const std::string& message) {
-  if (fileLog != nullptr) fileLog->write(level, message);
+// A line of the parts joined, the text built only when the log writes the line.
+template <typename... Parts>
+void logLine(char level, const Parts&... parts) {
+  if (fileLog != nullptr) fileLog->writeJoined(level, parts...);
 }
 
 // The end of every path out of the agent. The process ends with _exit, after the log (which
@@ -224,6 +233,8 @@ Identity findIdentity(const std::string& ipCommand) {
 void readSettings(iniConfig& config) {
   std::vector<std::string> problems;
   agentSettings = readAgentSettings(config, problems);
+  pluginRunLimits = {agentSettings.pluginTimeout, agentSettings.maxOutput,
+                     agentSettings.unknownOnFailure};
   for (const std::string& problem : problems) fileLog->write(3, "NIVO configuration: " + problem);
 }
 
@@ -371,15 +382,54 @@ void HandlerQuit(int signal) {
   stopSignal::wake();
 }
 
+namespace {
+
+// The last line written to the last-execution file, and where; under mutex_lastexec.
+std::string lastExecWrittenPath;
+std::time_t lastExecWritten = -1;
+
+// write(2) of the whole text; false with errno set when it fails.
+bool writeWhole(int fd, const std::string& text) {
+  std::size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
+    if (written == -1) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    done += static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+}  // namespace
+
 void writeLastExecTime() {
   const std::time_t now = std::time(nullptr);
   std::lock_guard<std::mutex> guard(mutex_lastexec);
-  std::ofstream file(pathLastExecFile, std::ios::out | std::ios::trunc);
-  if (file.is_open()) {
-    file << now << '\n';
+  // The file holds whole seconds, so within the second last written its content would not change;
+  // a rewrite per result would cost a disk write per result (ext4 writes a truncated and rewritten
+  // file back at close). A file removed meanwhile is written again.
+  struct stat written;
+  if (now == lastExecWritten && pathLastExecFile == lastExecWrittenPath &&
+      ::lstat(pathLastExecFile.c_str(), &written) == 0)
+    return;
+  // A symbolic link is not followed: the default directory lies under /tmp, where anyone may have
+  // planted one that would make the agent truncate a file of its choosing.
+  const UniqueFd file(::open(pathLastExecFile.c_str(),
+                             O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+  if (!file) {
+    lastExecWritten = -1;
+    throw new FileException("Error opening file: " + pathLastExecFile);  // deliberately a pointer
+  }
+  if (!writeWhole(file.get(), std::to_string(now) + "\n")) {
+    const int error = errno;
+    lastExecWritten = -1;
+    logLine(4, "Error writing file: " + pathLastExecFile + ": " + std::strerror(error));
     return;
   }
-  throw new FileException("Error opening file: " + pathLastExecFile);
+  lastExecWritten = now;
+  lastExecWrittenPath = pathLastExecFile;
 }
 
 namespace {
@@ -396,7 +446,7 @@ void dispatchOrder(QAVEL& qavel, int& identifier) {
   const std::string name = order["NAME"].asString();
   const std::string parameter = order["PARAMETER"].asString();
   const int priority = order["PRIORITY"].asInt();
-  logLine(0, "EXEC plugin " + name + " " + parameter);
+  logLine(0, "EXEC plugin ", name, " ", parameter);
 
   const auto plugin = pluginPathExec.find(name);
   auto svc = std::make_shared<service>();
@@ -413,7 +463,8 @@ void dispatchOrder(QAVEL& qavel, int& identifier) {
   }
   svc->Setpath(plugin->second);
   svc->Setparameter(parameter);
-  logLine(0, "SEND EXEC to pool: " + name);
+  svc->SetRunLimits(pluginRunLimits);
+  logLine(0, "SEND EXEC to pool: ", name);
   if (PoolThreadService* pool = poolFor(priority)) pool->executeService(svc);
 }
 
@@ -421,11 +472,11 @@ void dispatchOrder(QAVEL& qavel, int& identifier) {
 
 void on_message(std::weak_ptr<void> /*hdl*/, std::string message) {
   try {
-    logLine(0, "Receive message " + message);
+    logLine(0, "Receive message ", message);
     QAVEL qavel;
     qavel.parseMessage(message);
     const std::string command = qavel.getQAVELCommand();
-    logLine(0, "COMMAND " + command);
+    logLine(0, "COMMAND ", command);
     if (command == "REGISTER-RESPONSE") {
       if (qavel.getQAVELParameter("STATUS") != "0") {
         logLine(2, "BAD register status receive by server (quit): ");
@@ -457,8 +508,8 @@ void callbackService(std::shared_ptr<service> svc) {
   try {
     QAVEL qavel;
     const std::string name = svc->Getname();
-    const std::string output = svc->GetStdout();
-    logLine(0, "Service END " + name + " OUTPUT " + output);
+    std::string output = svc->GetStdout();
+    logLine(0, "Service END ", name, " OUTPUT ", output);
     Task task(static_cast<int>(svc->GetService_id()));
     const int rc = svc->GetReturnCode();
     if (rc == 255) {
@@ -469,11 +520,11 @@ void callbackService(std::shared_ptr<service> svc) {
       task.setExecutionStatus(0);
     }
     task.setReturn(rc);
-    task.setOutput(output);
-    logLine(0, name + " send status service");
-    const std::string text = qavel.buildJsonTaskState(task);
+    task.setOutput(std::move(output));
+    logLine(0, name, " send status service");
+    std::string text = qavel.buildJsonTaskState(task);
     logLine(0, text);
-    endpoint->send(text);
+    endpoint->send(std::move(text));
     writeLastExecTime();
   } catch (const Json::LogicError& e) {
     logLine(4, std::string("NIVO  JSON exception ") + e.what());

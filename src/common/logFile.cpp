@@ -26,7 +26,7 @@ const char* logFile::levelText(unsigned char level) {
 void logFile::write(char level, std::string message) {
   // Dropped lines must cost nothing, so the threshold is tested before the lock; it never changes
   // after construction.
-  if (static_cast<unsigned char>(level) < threshold_) return;
+  if (!accepts(level)) return;
   writeLine(timeStamp() + '#' + levelText(static_cast<unsigned char>(level)) + '#' + message);
 }
 

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "messageException.h"
 
@@ -34,6 +35,18 @@ class logFile {
   // The bare message, no time stamp.
   void write(std::string message);
 
+  // True when a line of `level` is written rather than dropped.
+  bool accepts(char level) const { return static_cast<unsigned char>(level) >= threshold_; }
+  // write(level, the parts joined), the text built only when the line is written: the per-order
+  // debug lines cost nothing without -D.
+  template <typename... Parts>
+  void writeJoined(char level, const Parts&... parts) {
+    if (!accepts(level)) return;
+    std::string message;
+    (message.append(parts), ...);
+    write(level, std::move(message));
+  }
+
   // Size of the file on disk; throws std::filesystem::filesystem_error when it is gone.
   std::uint64_t size();
   // From the last "/" to the end, the "/" included; std::out_of_range without a "/".
@@ -50,7 +63,7 @@ class logFile {
   void writeLine(const std::string& line);
   static std::string timeStamp();
 
-  unsigned char threshold_;
+  const unsigned char threshold_;
   const std::string path_;
   std::ofstream stream_;
   std::mutex lock_;

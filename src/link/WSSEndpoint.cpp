@@ -5,6 +5,7 @@
 #include <boost/asio/post.hpp>
 #include <optional>
 #include <utility>
+#include <vector>
 
 // Every WebSocket++ call on the endpoint or the connection runs on the network thread. The library
 // reads and writes the connection's state there without its own lock (the open and the
@@ -15,83 +16,120 @@
 // thread itself (a reply sent by the message callback) runs at once, since waiting would deadlock.
 // So does a call made while the network thread sits in the message callback: the agent's callback
 // may wait for the main thread (an order that arrives before the pools exist), and the main thread
-// may be in send() meanwhile. The callback does not return before such a call has finished.
+// may be in send() meanwhile. Calls already waiting when the callback starts are run by the network
+// thread before it enters the callback, so that no waiting thread has to be woken to borrow it.
+// Each caller waits on a condition variable of its own: with a thousand workers waiting to send
+// their results, a completion wakes its one caller, not all of them.
 // The outcome comes back as a value or an error text, never as an exception_ptr: libstdc++ frees
 // a shared exception on whichever thread drops it last, out of ThreadSanitizer's sight. Any
 // failure reaches the caller as a WSSEndpointException with the failure's text.
+class WSSEndpoint::PendingCall {
+ public:
+  virtual ~PendingCall() = default;
+  // Runs the operation and keeps its outcome; called once, by whoever claimed the call.
+  virtual void run() = 0;
+
+  // Under loanLock_.
+  bool claimed = false;
+  bool done = false;
+  std::list<std::shared_ptr<PendingCall>>::iterator entry;  // in unclaimed_, until claimed
+  std::condition_variable finished;                         // its caller alone waits here
+};
+
+template <typename Operation>
+class WSSEndpoint::Call : public WSSEndpoint::PendingCall {
+ public:
+  using Result = decltype(std::declval<Operation&>()());
+  explicit Call(Operation operation) : operation_(std::move(operation)) {}
+
+  void run() override {
+    try {
+      value_.emplace(operation_());
+    } catch (const std::exception& e) {
+      error_ = e.what();
+    }
+  }
+  // Read by the caller once done is set.
+  Result take() {
+    if (error_) throw WSSEndpointException(*error_);
+    return std::move(*value_);
+  }
+
+ private:
+  Operation operation_;
+  std::optional<Result> value_;
+  std::optional<std::string> error_;
+};
+
+bool WSSEndpoint::claim(PendingCall& call) {
+  if (call.claimed) return false;
+  call.claimed = true;
+  unclaimed_.erase(call.entry);
+  return true;
+}
+
+void WSSEndpoint::complete(PendingCall& call) {
+  call.run();
+  {
+    const std::lock_guard<std::mutex> lock(loanLock_);
+    call.done = true;
+  }
+  call.finished.notify_one();
+}
+
 template <typename Operation>
 auto WSSEndpoint::onNetworkThread(Operation operation) -> decltype(operation()) {
-  using Result = decltype(operation());
   if (std::this_thread::get_id() == thread_->get_id()) {
     return operation();
   }
-  struct Pending {
-    explicit Pending(Operation op) : operation(std::move(op)) {}
-    Operation operation;
-    // Under loanLock_. Whoever claims the operation runs it, exactly once.
-    bool claimed = false;
-    bool done = false;
-    std::optional<Result> value;
-    std::optional<std::string> error;
-  };
-  const auto pending = std::make_shared<Pending>(std::move(operation));
-  const auto execute = [this](Pending& call) {
-    std::optional<Result> value;
-    std::optional<std::string> error;
-    try {
-      value.emplace(call.operation());
-    } catch (const std::exception& e) {
-      error = e.what();
-    }
-    {
-      const std::lock_guard<std::mutex> lock(loanLock_);
-      call.value = std::move(value);
-      call.error = std::move(error);
-      call.done = true;
-    }
-    loanChanged_.notify_all();
-  };
-  boost::asio::post(endpoint_.get_io_service(), [this, pending, execute] {
-    {
-      const std::lock_guard<std::mutex> lock(loanLock_);
-      if (pending->claimed) return;
-      pending->claimed = true;
-    }
-    execute(*pending);
-  });
+  const auto call = std::make_shared<Call<Operation>>(std::move(operation));
   std::unique_lock<std::mutex> lock(loanLock_);
-  loanChanged_.wait(lock, [&] { return pending->done || inCallback_; });
-  if (!pending->claimed) {
-    pending->claimed = true;
+  if (inCallback_) {
+    call->claimed = true;
     ++borrowers_;
     lock.unlock();
-    execute(*pending);
+    call->run();
     lock.lock();
-    --borrowers_;
-    loanChanged_.notify_all();
+    if (--borrowers_ == 0) borrowersGone_.notify_one();
+    return call->take();
   }
-  loanChanged_.wait(lock, [&] { return pending->done; });
-  if (pending->error) {
-    throw WSSEndpointException(*pending->error);
-  }
-  return std::move(*pending->value);
+  call->entry = unclaimed_.insert(unclaimed_.end(), call);
+  lock.unlock();
+  boost::asio::post(endpoint_.get_io_service(), [this, call] {
+    bool mine;
+    {
+      const std::lock_guard<std::mutex> guard(loanLock_);
+      mine = claim(*call);
+    }
+    if (mine) complete(*call);
+  });
+  lock.lock();
+  call->finished.wait(lock, [&] { return call->done; });
+  return call->take();
 }
 
-// Marks the network thread as lent out for the span of the message callback; on the way out it
-// waits for the borrowers, so that the loop touches the connection again only after them.
+// Marks the network thread as lent out for the span of the message callback. On the way in it runs
+// the calls already waiting; on the way out it waits for the borrowers, so that the loop touches
+// the connection again only after them.
 class WSSEndpoint::CallbackLoan {
  public:
   explicit CallbackLoan(WSSEndpoint& endpoint) : endpoint_(endpoint) {
+    std::vector<std::shared_ptr<PendingCall>> waiting;
     {
       const std::lock_guard<std::mutex> lock(endpoint_.loanLock_);
       endpoint_.inCallback_ = true;
+      waiting.reserve(endpoint_.unclaimed_.size());
+      while (!endpoint_.unclaimed_.empty()) {
+        waiting.push_back(endpoint_.unclaimed_.front());
+        endpoint_.claim(*waiting.back());
+      }
     }
-    endpoint_.loanChanged_.notify_all();
+    for (const auto& call : waiting) endpoint_.complete(*call);
   }
   ~CallbackLoan() {
     std::unique_lock<std::mutex> lock(endpoint_.loanLock_);
     endpoint_.inCallback_ = false;
-    endpoint_.loanChanged_.wait(lock, [this] { return endpoint_.borrowers_ == 0; });
+    endpoint_.borrowersGone_.wait(lock, [this] { return endpoint_.borrowers_ == 0; });
   }
   CallbackLoan(const CallbackLoan&) = delete;
   CallbackLoan& operator=(const CallbackLoan&) = delete;
@@ -182,18 +220,18 @@ std::shared_ptr<boost::asio::ssl::context> WSSEndpoint::enableSSLMode(
 
 void WSSEndpoint::on_message(websocketpp::connection_hdl hdl, client::message_ptr msg) {
   const std::string payload = msg->get_payload();
-  Trace(0, "on_message function: " + payload);
+  traceJoined(0, "on_message function: ", payload);
   // Read before the loan: while lent out, a borrower may store a new callback.
   const MessageCallback callback = callback_;
   if (callback != nullptr) {
     const CallbackLoan loan(*this);
     callback(std::move(hdl), payload);
   }
-  Trace(0, "on_message function end");
+  traceJoined(0, "on_message function end");
 }
 
 void WSSEndpoint::send(std::string text) {
-  Trace(0, "send function: " + text);
+  traceJoined(0, "send function: ", text);
   const websocketpp::lib::error_code ec = onNetworkThread([this, &text] {
     websocketpp::lib::error_code first;
     endpoint_.send(hdl_, text, websocketpp::frame::opcode::text, first);
@@ -208,7 +246,7 @@ void WSSEndpoint::send(std::string text) {
   if (ec) {
     fail("Error sending message: " + ec.message());
   }
-  Trace(0, "send function end");
+  traceJoined(0, "send function end");
 }
 
 void WSSEndpoint::ping() {
@@ -250,8 +288,4 @@ void WSSEndpoint::fail(const std::string& text) {
   throw WSSEndpointException(text);
 }
 
-void WSSEndpoint::Trace(int level, std::string text) {
-  if (log_ != nullptr) {
-    log_->write(static_cast<char>(level), "ENDPOINT SOCKET: " + text);
-  }
-}
+void WSSEndpoint::Trace(int level, std::string text) { traceJoined(level, text); }

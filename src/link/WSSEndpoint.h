@@ -10,6 +10,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -49,13 +50,26 @@ class WSSEndpoint {
 
  private:
   void setUp();
+  // Trace(level, the parts joined), the text built only when the log writes the line.
+  template <typename... Parts>
+  void traceJoined(int level, const Parts&... parts) {
+    if (log_ != nullptr) log_->writeJoined(static_cast<char>(level), "ENDPOINT SOCKET: ", parts...);
+  }
   // Logs `text` at level 4 and throws it as a WSSEndpointException.
   [[noreturn]] void fail(const std::string& text);
   // Runs the operation on the network thread and returns its result; a failure comes back as a
   // WSSEndpointException with its text.
   template <typename Operation>
   auto onNetworkThread(Operation operation) -> decltype(operation());
+  class PendingCall;
+  template <typename Operation>
+  class Call;
   class CallbackLoan;
+  // Claims `call` for the thread that runs it; false when another thread already has. Under
+  // loanLock_.
+  bool claim(PendingCall& call);
+  // Runs a claimed call and wakes the one thread waiting for it.
+  void complete(PendingCall& call);
 
   client endpoint_;
   std::mutex mutex_;
@@ -66,9 +80,11 @@ class WSSEndpoint {
   [[maybe_unused]] std::int32_t status_ = 254;  // no operation reads it yet
   // While the network thread is inside the message callback, it touches no connection state:
   // another thread may then use the connection directly ("borrow" the thread), for the callback
-  // may be waiting for that very thread.
+  // may be waiting for that very thread. Calls waiting when the callback starts are run by the
+  // network thread first. All of it under loanLock_.
   std::mutex loanLock_;
-  std::condition_variable loanChanged_;
+  std::condition_variable borrowersGone_;  // only the network thread waits here
+  std::list<std::shared_ptr<PendingCall>> unclaimed_;
   bool inCallback_ = false;
   int borrowers_ = 0;
 };

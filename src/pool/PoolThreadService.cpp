@@ -70,7 +70,7 @@ void PoolThreadService::run() {
 
 void PoolThreadService::executeService(std::shared_ptr<service> s) {
   queue_->push(s);
-  trace(0, "PUSH service" + s->Getname());
+  traceJoined(0, "PUSH service", s->Getname());
   if (threadMode_ != 1) return;
   if (queue_->size() > kBacklogPerWorker * poolSize_) {
     trace(0, "Create New Thread, new size" + std::to_string(poolSize_.load()));
@@ -114,9 +114,7 @@ int PoolThreadService::getSizePool() const { return poolSize_; }
 
 int PoolThreadService::getUsedPool() const { return used_; }
 
-void PoolThreadService::trace(int level, std::string message) {
-  if (log_ != nullptr) log_->write(static_cast<char>(level), "POOL EXEC: " + message);
-}
+void PoolThreadService::trace(int level, std::string message) { traceJoined(level, message); }
 
 void PoolThreadService::startWorker(int number) {
   std::lock_guard<std::mutex> guard(workersLock_);
@@ -136,11 +134,11 @@ void PoolThreadService::executeFct(int /*number*/) {
       ++used_;
       std::shared_ptr<service> s = queue_->pop();
       const std::string name = s->Getname();
-      trace(0, "service exec " + name);
+      traceJoined(0, "service exec ", name);
 
       int decision = 1;
       if (beforeExec_ != nullptr) {
-        trace(0, "service before exec " + name);
+        traceJoined(0, "service before exec ", name);
         decision = beforeExec_(s);
       }
       if (decision == 1) {
@@ -149,7 +147,7 @@ void PoolThreadService::executeFct(int /*number*/) {
         while (attempts < kAttempts) {
           try {
             result = s->execute();
-            trace(0, "service exec SUCCESS " + name);
+            traceJoined(0, "service exec SUCCESS ", name);
             attempts = 10;
           } catch (const serviceException& e) {
             ++attempts;
@@ -161,7 +159,7 @@ void PoolThreadService::executeFct(int /*number*/) {
         }
         if (attempts > kAttempts && result == -2) s->SetReturnCode(255);
         if (afterExec_ != nullptr) {
-          trace(0, "service after exec " + name);
+          traceJoined(0, "service after exec ", name);
           afterExec_(s);
         }
       }

@@ -59,6 +59,11 @@ class PoolThreadService {
 
  private:
   void startWorker(int number);
+  // trace(level, the parts joined), the text built only when the log writes the line.
+  template <typename... Parts>
+  void traceJoined(int level, const Parts&... parts) {
+    if (log_ != nullptr) log_->writeJoined(static_cast<char>(level), "POOL EXEC: ", parts...);
+  }
 
   std::atomic<short> threadMode_{0};
   std::atomic<int> poolSize_;

@@ -1,6 +1,8 @@
 #include "service/service.h"
 
 #include "common/convertTo.h"
+#include "common/uniqueFd.h"
+#include "service/childProcess.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -8,7 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <boost/tokenizer.hpp>
 #include <cerrno>
 #include <cstring>
@@ -26,215 +28,23 @@ void appendTokens(const std::string& text, std::vector<std::string>& tokens) {
   }
 }
 
-// strerror() may go through the locale's message catalogue, which allocates and takes locks, so
-// the forked child of this multithreaded agent must not call it. The texts are taken once, in the
-// parent, before the first fork, and the child only indexes them. The agent never changes its
-// locale, so they read exactly as strerror() would.
-class ErrnoTexts {
- public:
-  static const ErrnoTexts& get() {
-    // Never destroyed: a worker may still be starting a plugin while the process exits.
-    static const ErrnoTexts* const texts = new ErrnoTexts;
-    return *texts;
-  }
-
-  // Async-signal-safe.
-  const char* text(int error) const noexcept {
-    return error >= 0 && error < kCount ? texts_[error].c_str() : "Unknown error";
-  }
-
- private:
-  // Linux's errno values end at 133 (EHWPOISON).
-  static constexpr int kCount = 256;
-
-  ErrnoTexts() {
-    for (int error = 0; error < kCount; ++error) texts_[error] = std::strerror(error);
-  }
-
-  std::array<std::string, kCount> texts_;
-};
-
-// Owns one descriptor. close() is neither retried on EINTR (Linux has released the descriptor by
-// then, and a retry could close one another thread has just opened) nor checked: a pipe end has
-// nothing left to flush, so a failure would tell us nothing we could act on.
-class Fd {
- public:
-  explicit Fd(int fd) noexcept : fd_(fd) {}
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  ~Fd() { reset(); }
-
-  int get() const noexcept { return fd_; }
-  void reset() noexcept {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
-
-// The argv of execve: the program path, the items, a null pointer. Built whole before fork(),
-// because the child may not allocate.
-class ArgumentVector {
- public:
-  ArgumentVector(const std::string& program, const std::vector<std::string>& items) {
-    strings_.reserve(items.size() + 1);
-    strings_.push_back(program);
-    strings_.insert(strings_.end(), items.begin(), items.end());
-    pointers_.reserve(strings_.size() + 1);
-    for (std::string& s : strings_) pointers_.push_back(s.data());
-    pointers_.push_back(nullptr);
-  }
-  ArgumentVector(const ArgumentVector&) = delete;
-  ArgumentVector& operator=(const ArgumentVector&) = delete;
-
-  char* const* get() const noexcept { return pointers_.data(); }
-
- private:
-  std::vector<std::string> strings_;
-  std::vector<char*> pointers_;
-};
-
-// What the child needs, all prepared by the parent.
-struct ChildSetup {
-  const char* path = nullptr;
-  char* const* argv = nullptr;
-  char* const* envp = nullptr;  // null: the agent's own environment, as execv passes it
-  int outputFd = -1;            // becomes descriptor 1; -1 keeps the agent's standard output
-  int unusedFd = -1;  // the parent's end of the pipe, closed in the child; -1 when there is none
-  const char* execFailurePrefix = "";  // starts the line written on descriptor 1 if execve fails
-  long maxFd = 0;                      // bound of the close loop when close_range is missing
-  const sigset_t* mask = nullptr;      // the forking thread's mask, given back before execve
-  const ErrnoTexts* errnoTexts = nullptr;
-};
-
-// Everything the child does between fork() and execve(). The agent is multithreaded, so only
-// async-signal-safe calls are made here: no allocation, no stdio, no strerror(), no exit().
-[[noreturn]] void runChild(const ChildSetup& setup) noexcept {
-  const auto writeText = [](int fd, const char* text) {
-    size_t left = std::strlen(text);
-    while (left > 0) {
-      const ssize_t written = ::write(fd, text, left);
-      if (written == -1) {
-        if (errno == EINTR) continue;
-        return;  // nobody is left to tell
-      }
-      text += written;
-      left -= static_cast<size_t>(written);
-    }
-  };
-
-  if (setup.unusedFd >= 0) ::close(setup.unusedFd);
-  if (setup.outputFd >= 0) {
-    int redirected;
-    if (setup.outputFd == STDOUT_FILENO) {
-      // The agent had no descriptor 1, so the pipe got it; dup2() onto itself would keep the
-      // close-on-exec flag and the plugin would lose its output: clear the flag instead.
-      redirected = ::fcntl(STDOUT_FILENO, F_SETFD, 0);
-    } else {
-      while ((redirected = ::dup2(setup.outputFd, STDOUT_FILENO)) == -1 && errno == EINTR) {
-      }
-    }
-    if (redirected == -1) {
-      const int error = errno;
-      writeText(STDERR_FILENO, "EXEC fils: erreur de redirection de flux (dup2): ");
-      writeText(STDERR_FILENO, setup.errnoTexts->text(error));
-      writeText(STDERR_FILENO, "\n");
-      ::close(setup.outputFd);
-      ::_exit(2);
-    }
-    if (setup.outputFd != STDOUT_FILENO) ::close(setup.outputFd);
-  }
-
-  // The link's socket and the log file carry no close-on-exec flag, and another worker may have
-  // a pipe open at this moment: a plugin gets descriptors 0 to 2 and nothing else. Any failure of
-  // close_range (ENOSYS on an old kernel) falls back to closing one by one.
-  if (::close_range(3, ~0U, 0) == -1) {
-    for (long fd = 3; fd < setup.maxFd; ++fd) ::close(static_cast<int>(fd));
-  }
-
-  // All signals are still blocked here. A handler of the agent (SIGTERM's) must never run in the
-  // child, and an ignored signal would stay ignored across execve: every disposition goes back
-  // to the default before the worker's mask is given back. sigaction refuses SIGKILL, SIGSTOP and
-  // the C library's own signals with EINVAL, which is why its result is not looked at.
-  struct sigaction defaultAction;
-  std::memset(&defaultAction, 0, sizeof defaultAction);
-  defaultAction.sa_handler = SIG_DFL;
-  ::sigemptyset(&defaultAction.sa_mask);
-  for (int signal = 1; signal < NSIG; ++signal) {
-    if (signal != SIGKILL && signal != SIGSTOP) ::sigaction(signal, &defaultAction, nullptr);
-  }
-  ::sigprocmask(SIG_SETMASK, setup.mask, nullptr);
-
-  ::execve(setup.path, setup.argv, setup.envp != nullptr ? setup.envp : environ);
-  const int error = errno;
-  writeText(STDOUT_FILENO, setup.execFailurePrefix);
-  writeText(STDOUT_FILENO, setup.errnoTexts->text(error));
-  writeText(STDOUT_FILENO, "\n");
-  ::_exit(2);
-}
-
-// fork() with every signal blocked in the forking thread, so that no handler of the agent can run
-// in the child before runChild() has reset them; the parent gets its mask back right after.
-// Returns the child's pid, or -1 with errno set.
-pid_t spawn(ChildSetup setup) {
-  setup.errnoTexts = &ErrnoTexts::get();  // built here, never in the child
-  setup.maxFd = ::sysconf(_SC_OPEN_MAX);
-  sigset_t all;
-  sigset_t previous;
-  ::sigfillset(&all);
-  const int blocked = ::pthread_sigmask(SIG_SETMASK, &all, &previous);
-  if (blocked != 0) {
-    errno = blocked;
-    return -1;
-  }
-  setup.mask = &previous;
-  const pid_t pid = ::fork();
-  if (pid == 0) runChild(setup);
-  const int forkError = errno;
-  // Cannot fail: the same call with a valid mask has just succeeded.
-  ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  errno = forkError;
-  return pid;
-}
-
-pid_t waitRetry(pid_t pid, int* status, int options) {
-  pid_t result;
-  while ((result = ::waitpid(pid, status, options)) == -1 && errno == EINTR) {
-  }
-  return result;
-}
-
-// A child of ours until it has been reaped. One that is only stopped or continued when we stop
-// waiting (or whose output could not be read) would otherwise stay in the process table for good,
-// and become a zombie nobody reaps once it ends: it is killed and reaped on the way out.
-class ChildProcess {
- public:
-  // -1 (a failed fork) is accepted: wait() then takes any child, and nothing is ever killed.
-  explicit ChildProcess(pid_t pid) noexcept : pid_(pid) {}
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
-  ~ChildProcess() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    int ignored;
-    waitRetry(pid_, &ignored, 0);
-  }
-
-  // waitpid(pid, WUNTRACED | WCONTINUED); -1 with errno on failure.
-  pid_t wait(int* status) noexcept {
-    const pid_t result = waitRetry(pid_, status, WUNTRACED | WCONTINUED);
-    // After a failure the pid may already be reaped by someone else and reused: never kill it.
-    if (result == -1 || WIFEXITED(*status) || WIFSIGNALED(*status)) pid_ = 0;
-    return result;
-  }
-
- private:
-  pid_t pid_;
-};
-
 char* const kEmptyEnvironment[] = {nullptr};
+
+// Between SIGTERM and SIGKILL when a plugin outlives its time limit.
+constexpr int kGraceSeconds = 1;
+
+// The length of `text` without a last UTF-8 sequence that a cut left incomplete.
+std::size_t utf8Boundary(const std::string& text) {
+  std::size_t lead = text.size();
+  // A sequence is at most four bytes long: back over up to three continuation bytes (10xxxxxx).
+  while (lead > 0 && text.size() - lead < 4 &&
+         (static_cast<unsigned char>(text[lead - 1]) & 0xC0) == 0x80)
+    --lead;
+  if (lead == 0) return text.size();
+  const unsigned char first = static_cast<unsigned char>(text[lead - 1]);
+  const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : first >= 0xC0 ? 2 : 1;
+  return lead - 1 + length > text.size() ? lead - 1 : text.size();
+}
 
 }  // namespace
 
@@ -269,6 +79,7 @@ service::service(const service& other) {
   lastValidateReturnCode_ = other.getLastValidateReturnCode();
   service_idStr_ = other.GetService_idStr();
   stdout_ = other.GetStdout();
+  limits_ = other.limits_;
 }
 
 service::~service() = default;
@@ -300,6 +111,8 @@ void service::Setinterval_exec_time(int interval) {
 }
 
 void service::SetReturnCode(int code) { returnCode_ = code; }
+
+void service::SetRunLimits(const RunLimits& limits) { limits_ = limits; }
 
 std::int64_t service::GetDevice_id() const { return device_id_; }
 std::int32_t service::GetPlugin_id() const { return plugin_id_; }
@@ -335,17 +148,68 @@ std::string service::failureText(const char* prefix, int error) const {
   return prefix + description() + std::strerror(error);
 }
 
+void service::fail(const char* prefix, int error) {
+  const std::string text = failureText(prefix, error);
+  if (limits_.unknownOnFailure) {
+    returnCode_ = 3;
+    stdout_ = text;
+  }
+  throw serviceException(text);
+}
+
+std::string service::readOutput(int fd, pid_t group, const Deadline& deadline, bool& timedOut) {
+  std::string output;
+  bool truncated = false;
+  const std::size_t keep = limits_.maxOutput > 0 ? limits_.maxOutput : std::string::npos;
+  Deadline until = deadline;
+  char buffer[1024];
+  for (;;) {
+    if (until.set()) {
+      const int ready = waitReadable(fd, until);
+      if (ready == -1) fail("Error read buffer: ", errno);
+      if (ready == 0) {
+        if (timedOut) {
+          // Whatever still holds the pipe has outlived SIGTERM: the group is killed, and the
+          // output of anything that left the group is not waited for.
+          ::kill(-group, SIGKILL);
+          break;
+        }
+        timedOut = true;
+        ::kill(-group, SIGTERM);
+        until = Deadline(kGraceSeconds);
+        continue;
+      }
+    }
+    const ssize_t received = ::read(fd, buffer, sizeof buffer);
+    if (received == 0) break;
+    if (received == -1) {
+      if (errno == EINTR) continue;
+      fail("Error read buffer: ", errno);
+    }
+    // Each chunk is taken as text: a NUL ends it, and the rest of that chunk is dropped. Beyond
+    // the output limit the plugin is still read to its end, so that it never blocks on the pipe.
+    const std::size_t text = ::strnlen(buffer, static_cast<size_t>(received));
+    const std::size_t room = keep - std::min(keep, output.size());
+    if (text > room) truncated = true;
+    output.append(buffer, std::min(text, room));
+  }
+  if (truncated) {
+    output.resize(utf8Boundary(output));
+    if (!output.empty() && output.back() != '\n') output += '\n';
+    output += "[output truncated after " + std::to_string(limits_.maxOutput) + " bytes]\n";
+  }
+  return output;
+}
+
 int service::execute() {
   stdout_.clear();
-  std::string output;
 
   int ends[2];
   // Close-on-exec: a plugin that another worker starts meanwhile must not hold this pipe open, or
   // this read loop would wait for that plugin too.
-  if (::pipe2(ends, O_CLOEXEC) == -1)
-    throw serviceException(failureText("Error open pipe ", errno));
-  Fd readEnd(ends[0]);
-  Fd writeEnd(ends[1]);
+  if (::pipe2(ends, O_CLOEXEC) == -1) fail("Error open pipe ", errno);
+  UniqueFd readEnd(ends[0]);
+  UniqueFd writeEnd(ends[1]);
 
   const ArgumentVector argv(path_, vectorParam_);
   ChildSetup setup;
@@ -355,26 +219,35 @@ int service::execute() {
   setup.outputFd = writeEnd.get();
   setup.unusedFd = readEnd.get();
   setup.execFailurePrefix = "DAEMON: plugin is not executable ";
-  const pid_t pid = spawn(setup);
-  if (pid == -1) throw serviceException(failureText("Error create fork ", errno));
+  setup.ownProcessGroup = true;
+  const pid_t pid = spawnChild(setup);
+  if (pid == -1) fail("Error create fork ", errno);
+  const Deadline deadline(limits_.timeoutSeconds);
   ChildProcess child(pid);
   writeEnd.reset();  // ours would keep the read loop from ever seeing the end of the output
 
-  char buffer[1024];
-  for (;;) {
-    const ssize_t received = ::read(readEnd.get(), buffer, sizeof buffer);
-    if (received == 0) break;
-    if (received == -1) {
-      if (errno == EINTR) continue;
-      throw serviceException(failureText("Error read buffer: ", errno));
-    }
-    // Each chunk is taken as text: a NUL ends it, and the rest of that chunk is dropped.
-    output.append(buffer, ::strnlen(buffer, static_cast<size_t>(received)));
-  }
+  bool timedOut = false;
+  std::string output = readOutput(readEnd.get(), pid, deadline, timedOut);
   stdout_ = output;
 
   int status = 0;
-  if (child.wait(&status) == -1) throw serviceException(failureText("Error execute ", errno));
+  pid_t waited = 0;
+  if (!timedOut) {
+    waited = child.wait(&status, deadline);
+    if (waited == 0) {  // its output ended, the plugin ran on past its limit
+      timedOut = true;
+      ::kill(-pid, SIGTERM);
+    }
+  }
+  if (timedOut) {
+    if (waited == 0 && child.wait(&status, Deadline(kGraceSeconds)) == 0) ::kill(-pid, SIGKILL);
+    // No retry: a plugin that hangs would hang again. The child's owner reaps it on the way out.
+    returnCode_ = 3;
+    stdout_ =
+        "UNKNOWN: plugin timed out after " + std::to_string(limits_.timeoutSeconds) + " seconds\n";
+    return 3;
+  }
+  if (waited == -1) fail("Error execute ", errno);
   readEnd.reset();
 
   if ((status & 0x7f) != 0) {  // ended by a signal, stopped or continued
@@ -417,7 +290,7 @@ int service::executeAlertingSoftware(std::string error) {
   // _exit rather than exit(): exit() would flush stdio buffers copied from the agent (printing
   // the agent's pending output twice) and run atexit handlers whose locks another thread may have
   // held at fork time. What can be seen from outside, the text and the status, stays the same.
-  const pid_t pid = spawn(setup);
+  const pid_t pid = forkChild(setup);
 
   // A failed fork (-1) goes on to the wait like the parent's side and takes any child of the
   // agent: kept as it stands.

@@ -4,17 +4,33 @@
 #pragma once
 
 #include <sys/time.h>
+#include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "../common/messageException.h"
 
+class Deadline;
+
 // Failure of a plugin or alerting-program run; the message names the service.
 class serviceException : public MessageException {
  public:
   using MessageException::MessageException;
+};
+
+// Bounds of one plugin run beyond the default behaviour; 0 and false mean none.
+struct RunLimits {
+  // Seconds after which the plugin's process group gets SIGTERM, and SIGKILL a second later; the
+  // run then returns 3 with a text saying so.
+  int timeoutSeconds = 0;
+  // Bytes of output kept; the rest is read and dropped, and a line says it was.
+  std::size_t maxOutput = 0;
+  // A failure of the agent itself (pipe, start, read, wait) leaves return code 3 and its text as
+  // the output, so that it can never be reported as OK.
+  bool unknownOnFailure = false;
 };
 
 class service {
@@ -36,6 +52,7 @@ class service {
   // Stores the interval and derives the cost 300000 / interval (0 for an interval of 0).
   void Setinterval_exec_time(int interval);
   void SetReturnCode(int code);
+  void SetRunLimits(const RunLimits& limits);
 
   std::int64_t GetDevice_id() const;
   std::int32_t GetPlugin_id() const;
@@ -79,6 +96,12 @@ class service {
   // Lets the tests set the fields that the agent never sets (execution times, alerting program).
   friend class ServiceTestPeer;
 
+  // Output of the plugin on `fd` to its end, or until the time limit has ended the plugin's group
+  // (then `timedOut`); NUL-cut per chunk and bounded by the output limit.
+  std::string readOutput(int fd, pid_t group, const Deadline& deadline, bool& timedOut);
+  // Throws the failure of a system call; with unknownOnFailure the record says it as UNKNOWN.
+  [[noreturn]] void fail(const char* prefix, int error);
+
   // "<name>\npath:<path> <parameter>", the part every error text carries.
   std::string description() const;
   // `prefix` + description() + strerror(error): the text of a failed system call.
@@ -111,4 +134,5 @@ class service {
   timeval maintenanceEnd_{};
   std::int32_t maintenancePlannedID_ = 0;
   float cost_ = 1.0f;
+  RunLimits limits_;
 };

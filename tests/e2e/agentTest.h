@@ -116,12 +116,14 @@ class AgentTest : public ::testing::Test {
       GTEST_SKIP() << "needs root: each agent runs in a private mount namespace of its own";
     sandbox_ = std::make_unique<agentSandbox>(agentSandbox::Paths{program(), NIVO_SANDBOX_RUN}, "");
     addPlugin("plugin_exit", "plugin_exit.sh");
-    // What a ThreadSanitizer build of the agent reports by design; other builds ignore it.
+    // What a ThreadSanitizer build of the agent reports by design; other builds ignore it. Quoted,
+    // since the sanitizers split their options at blanks and colons, which a checkout's path may
+    // hold.
     const char* const inherited = std::getenv("TSAN_OPTIONS");
     const std::string options =
         inherited != nullptr && *inherited != '\0' ? std::string(inherited) + ":" : std::string();
     sandbox_->setEnvironment("TSAN_OPTIONS",
-                             options + "suppressions=" NIVO_AGENT_TSAN_SUPPRESSIONS);
+                             options + "suppressions=\"" NIVO_AGENT_TSAN_SUPPRESSIONS "\"");
   }
 
   void TearDown() override {

@@ -1,6 +1,10 @@
 // Plugins that misbehave: never end, leave a background process on their output, close their output
-// and run on, crash, or print tens of megabytes. Each holds at most its own worker; every other
-// order is answered, correctly, once; and the agent's memory goes back to its idle size.
+// and run on, crash, signal their whole process group, or print tens of megabytes. Each holds at
+// most its own worker; every other order is answered, correctly, once; and the agent's memory goes
+// back to its idle size.
+#include <sys/resource.h>
+
+#include "../common/leftovers.h"
 #include "faultTest.h"
 
 namespace agentTest {
@@ -35,8 +39,8 @@ class PluginFaultTest : public FaultTest {
 // Orders that block reach the workers first; the pools grow only when more than four orders per
 // worker wait, so enough ordinary orders follow to make them grow past the held workers.
 TEST_F(PluginFaultTest, PluginsThatHoldOrCrashLeaveEveryOtherOrderAnswered) {
-  for (const char* plugin :
-       {"fault_forever", "fault_background", "fault_close_stdout", "fault_segv"})
+  for (const char* plugin : {"fault_forever", "fault_background", "fault_close_stdout",
+                             "fault_segv", "fault_kill_group"})
     addPlugin(plugin, std::string(plugin) + ".sh");
   ASSERT_TRUE(launchAndWarmUp());
 
@@ -45,19 +49,22 @@ TEST_F(PluginFaultTest, PluginsThatHoldOrCrashLeaveEveryOtherOrderAnswered) {
   server_->sendExec(3, "fault_close_stdout", marker("closed") + " " + marker("release"), 5);
   server_->sendExec(4, "fault_forever", marker("forever-web"), 1);
   server_->sendExec(5, "fault_segv", "", 5);
+  server_->sendExec(6, "fault_kill_group", "", 5);
   ASSERT_TRUE(waitForMarker("forever-monitor"));
   ASSERT_TRUE(waitForMarker("background"));
   ASSERT_TRUE(waitForMarker("forever-web"));
 
   constexpr int kOrdinary = 100;
   sendOrdinaryOrders(100, kOrdinary);
-  ASSERT_EQ(answers_.wait(1 + kOrdinary + 1).size(), 1u + kOrdinary + 1)
-      << "warm-up, ordinary orders, crash";
+  ASSERT_EQ(answers_.wait(1 + kOrdinary + 2).size(), 1u + kOrdinary + 2)
+      << "warm-up, ordinary orders, crash, group signal";
   expectOrdinaryAnswers(100, kOrdinary);
   // Three attempts, each ended by the signal; the last one's texts are reported.
   EXPECT_EQ(answers_.to(5),
             once(qavel::execResponse(
                 0, 5, "Error: orva can't execute " + sandbox_->path("plugins/fault_segv"), 3)));
+  // A plugin that signals its whole group reaches neither the agent nor another plugin.
+  EXPECT_EQ(answers_.to(6), once(qavel::execResponse(0, 6, "group leader\n", 0)));
   EXPECT_TRUE(waitForMarker("closed")) << "the third holding order never got a worker";
   EXPECT_TRUE(answers_.to(2, std::chrono::seconds(0)).empty());
   EXPECT_TRUE(answers_.to(3, std::chrono::seconds(0)).empty());
@@ -99,6 +106,65 @@ TEST_F(PluginFaultTest, LargeOutputIsSentWholeWhileOtherOrdersGoOnAndItsMemoryIs
             << " kB, VmRSS after " << after << " kB" << std::endl;
   EXPECT_TRUE(returned) << "VmRSS stays at " << after << " kB, idle was " << idle << " kB";
 }
+
+// With the production keys set, the plugins that held a worker for ever above are ended with what
+// they started and answered as UNKNOWN, and a large output is cut; an ordinary order is untouched.
+TEST_F(PluginFaultTest, TimeAndOutputLimitsEndHoldersAndCutOutputs) {
+  for (const char* plugin : {"fault_forever", "fault_background", "plugin_big"})
+    addPlugin(plugin, std::string(plugin) + ".sh");
+  sandbox_->setKey("NIVO", "plugin_timeout", "1");
+  sandbox_->setKey("NIVO", "max_output", "1000");
+  ASSERT_TRUE(launchAndWarmUp());
+
+  server_->sendExec(1, "fault_forever", marker("forever"), 5);
+  server_->sendExec(2, "fault_background", marker("background") + " " + marker("never"), 1);
+  server_->sendExec(3, "plugin_big", "100000", 5);
+  sendOrdinaryOrders(100, 4);
+  const std::string timedOut = "UNKNOWN: plugin timed out after 1 seconds\n";
+  EXPECT_EQ(answers_.to(1), once(qavel::execResponse(0, 1, timedOut, 3)));
+  EXPECT_EQ(answers_.to(2), once(qavel::execResponse(0, 2, timedOut, 3)));
+  EXPECT_EQ(answers_.to(3),
+            once(qavel::execResponse(
+                0, 3, bigOutput(1000) + "\n[output truncated after 1000 bytes]\n", 0)));
+  ASSERT_EQ(answers_.wait(1 + 3 + 4).size(), 1u + 3 + 4);
+  expectOrdinaryAnswers(100, 4);
+  EXPECT_TRUE(eventually([&] { return childProcesses(sandbox_->pid()) == 0; }));
+  EXPECT_TRUE(eventually([&] { return processesMentioning(sandbox_->dir()) == 0; }))
+      << "a plugin outlived its time limit";
+}
+
+// Every descriptor taken: no pipe can be made for three attempts running. The result is then sent
+// as the agent has always sent it, OK with nothing, unless unknown_on_failure says otherwise.
+class DescriptorExhaustionTest : public PluginFaultTest,
+                                 public ::testing::WithParamInterface<bool> {};
+
+TEST_P(DescriptorExhaustionTest, FailedRunsAreUnknownOnlyWhenAsked) {
+  // UBSan checks each polymorphic object through a pipe of its own, which cannot be had here.
+  if (kSanitized) GTEST_SKIP() << "a sanitized agent needs descriptors of its own";
+  const bool unknownOnFailure = GetParam();
+  if (unknownOnFailure) sandbox_->setKey("NIVO", "unknown_on_failure", "1");
+  ASSERT_TRUE(launchAndWarmUp());
+  const pid_t agent = sandbox_->pid();
+  rlimit previous{};
+  ASSERT_EQ(prlimit(agent, RLIMIT_NOFILE, nullptr, &previous), 0);
+  rlimit none = previous;
+  none.rlim_cur = static_cast<rlim_t>(openDescriptors(agent));
+  ASSERT_EQ(prlimit(agent, RLIMIT_NOFILE, &none, nullptr), 0);
+
+  server_->sendExec(1, "plugin_exit", "never-run", 5);
+  const std::vector<Json::Value> got = answers_.to(1);
+  prlimit(agent, RLIMIT_NOFILE, &previous, nullptr);
+  const std::string failure =
+      "Error open pipe plugin_exit\npath:" + sandbox_->path("plugins/plugin_exit") +
+      " never-runToo many open files";
+  EXPECT_EQ(got, once(unknownOnFailure ? qavel::execResponse(0, 1, failure, 3)
+                                       : qavel::execResponse(0, 1, "", 0)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Keys, DescriptorExhaustionTest, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return info.param ? "UnknownOnFailure" : "Default";
+                         });
 
 }  // namespace
 }  // namespace agentTest

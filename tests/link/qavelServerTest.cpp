@@ -16,9 +16,11 @@ Json::Value asJson(const std::string& text) {
 // The command line serves one link: answers REGISTER, sends its order, prints each received frame
 // as one JSON line, and ends with the link.
 TEST(QavelServerCommandLine, ServesOneLinkAndPrintsEachFrame) {
-  FILE* const out = popen(QAVEL_SERVER_PATH
-                          " --once --status '\"1\"' --exec '17 check_disk 5 -w 80' 2>&1 </dev/null",
-                          "r");
+  // Quoted: a checkout's path may hold blanks.
+  FILE* const out =
+      popen("'" QAVEL_SERVER_PATH
+            "' --once --status '\"1\"' --exec '17 check_disk 5 -w 80' 2>&1 </dev/null",
+            "r");
   ASSERT_NE(out, nullptr);
   char line[4096];
   unsigned port = 0;

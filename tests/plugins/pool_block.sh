@@ -1,8 +1,9 @@
 #!/bin/sh
-# Sample plugin that holds its worker: creates the file named by its first argument to say it has
-# started, then waits for the file named by its second argument to appear and prints "released".
+# Sample plugin that holds its worker: writes its pid into the file named by its first argument to
+# say it has started, then waits for the file named by its second argument to appear and prints
+# "released".
 # The wait gives up after about ten seconds so that a failed test never leaves a worker stuck.
-: >"$1"
+echo $$ >"$1"
 tries=0
 while [ ! -e "$2" ] && [ "$tries" -lt 200 ]; do
   /bin/sleep 0.05

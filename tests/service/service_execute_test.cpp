@@ -15,6 +15,7 @@
 #include <tuple>
 #include <vector>
 
+#include "../common/leftovers.h"
 #include "../common/tempDirTest.h"
 #include "service/service.h"
 #include "serviceTestPeer.h"
@@ -31,11 +32,12 @@ struct Outcome {
   std::string error;  // what() of the serviceException, if any
 };
 
-Outcome run(const std::string& path, const std::string& parameter) {
+Outcome run(const std::string& path, const std::string& parameter, const RunLimits& limits = {}) {
   service s;
   s.Setname("probe");
   s.Setpath(path);
   s.Setparameter(parameter);
+  s.SetRunLimits(limits);
   Outcome r;
   try {
     r.returned = s.execute();
@@ -56,6 +58,27 @@ long openDescriptorCount() {
 }
 
 bool noChildLeft() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
+
+// Runs `s` with every descriptor taken; the text of what it threw.
+std::string failToOpenPipe(service& s) {
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return "getrlimit failed";
+  const int lowestFree = open("/dev/null", O_RDONLY);
+  close(lowestFree);
+  rlimit none = limit;
+  none.rlim_cur = lowestFree;  // every descriptor is taken
+  if (setrlimit(RLIMIT_NOFILE, &none) != 0) return "setrlimit failed";
+  std::string error = "nothing thrown";
+  try {
+    s.execute();
+  } catch (const serviceException& e) {
+    // Read with descriptors free: UBSan checks a polymorphic object through a pipe of its own.
+    setrlimit(RLIMIT_NOFILE, &limit);
+    error = e.what();
+  }
+  setrlimit(RLIMIT_NOFILE, &limit);
+  return error;
+}
 
 const char kNothing[] = "DAEMON: the plugin does not return anything on the stdout";
 
@@ -89,6 +112,7 @@ TEST(ServiceExecute, ExitCodeOutsideZeroToFiveOrNoOutputBecomesUnknown) {
   const Outcome quotes = run(plugin("plugin_bytes.sh"), "\\047\\047");
   EXPECT_EQ(quotes.code, 3);
   EXPECT_EQ(quotes.error, kNothing);
+  EXPECT_EQ(quotes.out, "''");  // the raw output stays with the exception
   EXPECT_EQ(run(plugin("plugin_bytes.sh"), "\\047\\047\\040").out, "'' ");
 }
 
@@ -99,31 +123,21 @@ TEST(ServiceExecute, UnrunnablePathReportsCriticalWithTheSystemText) {
   EXPECT_EQ(run("/etc/passwd", "").out, "DAEMON: plugin is not executable Permission denied\n");
 }
 
-TEST(ServiceExecute, FailedPipeNamesTheServiceAndLeavesTheRecord) {
-  service s;
-  s.Setname("probe");
-  s.Setpath("/opt/load");
-  s.Setparameter("-w 5");
-  s.SetReturnCode(7);
-  rlimit limit;
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-  const int lowestFree = open("/dev/null", O_RDONLY);
-  close(lowestFree);
-  rlimit none = limit;
-  none.rlim_cur = lowestFree;  // every descriptor is taken
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-  std::string error = "nothing thrown";
-  try {
-    s.execute();
-  } catch (const serviceException& e) {
-    // Read with descriptors free: UBSan checks a polymorphic object through a pipe of its own.
-    setrlimit(RLIMIT_NOFILE, &limit);
-    error = e.what();
+TEST(ServiceExecute, FailedPipeNamesTheServiceAndLeavesTheRecordUnlessFailuresAreUnknown) {
+  for (const bool unknownOnFailure : {false, true}) {
+    service s;
+    s.Setname("probe");
+    s.Setpath("/opt/load");
+    s.Setparameter("-w 5");
+    s.SetReturnCode(7);
+    RunLimits limits;
+    limits.unknownOnFailure = unknownOnFailure;
+    s.SetRunLimits(limits);
+    const std::string error = failToOpenPipe(s);
+    EXPECT_EQ(error, "Error open pipe probe\npath:/opt/load -w 5Too many open files");
+    EXPECT_EQ(s.GetReturnCode(), unknownOnFailure ? 3 : 7);
+    EXPECT_EQ(s.GetStdout(), unknownOnFailure ? error : "");
   }
-  setrlimit(RLIMIT_NOFILE, &limit);
-  EXPECT_EQ(error, "Error open pipe probe\npath:/opt/load -w 5Too many open files");
-  EXPECT_EQ(s.GetReturnCode(), 7);
-  EXPECT_EQ(s.GetStdout(), "");
 }
 
 TEST(ServiceExecute, PluginEndedBySignalIsNotExecutable) {
@@ -209,6 +223,18 @@ TEST(ServiceExecute, PluginStartsWithDefaultSignalsAndTheWorkersMask) {
   sigaction(SIGUSR1, &previous, nullptr);
 }
 
+volatile sig_atomic_t termsReceived = 0;
+
+TEST(ServiceExecute, PluginLeadsItsOwnGroupSoSignallingItSparesTheAgent) {
+  struct sigaction count {
+  }, previous{};
+  count.sa_handler = [](int) { termsReceived = termsReceived + 1; };
+  sigaction(SIGTERM, &count, &previous);
+  EXPECT_EQ(run(plugin("fault_kill_group.sh"), "").out, "group leader\n");
+  EXPECT_EQ(termsReceived, 0);
+  sigaction(SIGTERM, &previous, nullptr);
+}
+
 TEST(ServiceExecute, ManyRunsFromThreadsLeaveNoDescriptorAndNoChild) {
   const std::vector<std::tuple<std::string, std::string, int>> cases = {
       {plugin("plugin_exit.sh"), "ok 0", 0}, {plugin("plugin_silent.sh"), "255", 3},
@@ -228,6 +254,45 @@ TEST(ServiceExecute, ManyRunsFromThreadsLeaveNoDescriptorAndNoChild) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(openDescriptorCount(), before);
   EXPECT_TRUE(noChildLeft());
+}
+
+using ServiceLimits = TempDirTest;
+
+TEST_F(ServiceLimits, PluginOverItsTimeLimitIsEndedWithWhatItStartedAndReportedUnknown) {
+  RunLimits limits;
+  limits.timeoutSeconds = 1;
+  const std::string timedOut = "UNKNOWN: plugin timed out after 1 seconds\n";
+  const std::string never = path("never");
+  const std::vector<std::tuple<std::string, std::string, int, std::string>> cases = {
+      {"/bin/sleep", "30", 3, timedOut},
+      {plugin("fault_background.sh"), path("started") + " " + never, 3, timedOut},
+      {plugin("fault_close_stdout.sh"), path("started") + " " + never, 3, timedOut},
+      {plugin("plugin_exit.sh"), "quick 0", 0, "quick\n"},
+  };
+  for (const auto& [program, parameter, code, out] : cases) {
+    const Outcome r = run(program, parameter, limits);
+    EXPECT_EQ(r.returned, code) << program;
+    EXPECT_EQ(r.out, out) << program;
+    EXPECT_EQ(r.error, "") << program;
+    EXPECT_TRUE(noChildLeft()) << program;
+    EXPECT_EQ(processesMentioning(never), 0) << program;
+  }
+}
+
+TEST(ServiceExecute, OutputOverItsLimitIsCutAtACharacterAndSaysSo) {
+  const auto limited = [](std::size_t bytes) {
+    RunLimits limits;
+    limits.maxOutput = bytes;
+    return limits;
+  };
+  std::string kept;
+  while (kept.size() < 1000) kept += "0123456789abcdef\n";
+  kept.resize(1000);
+  EXPECT_EQ(run(plugin("plugin_big.sh"), "100000", limited(1000)).out,
+            kept + "\n[output truncated after 1000 bytes]\n");
+  EXPECT_EQ(run(plugin("plugin_bytes.sh"), "ab\\303\\251cd", limited(3)).out,
+            "ab\n[output truncated after 3 bytes]\n");
+  EXPECT_EQ(run(plugin("plugin_bytes.sh"), "abc", limited(3)).out, "abc");
 }
 
 using ServiceAlerting = TempDirTest;

@@ -1,0 +1,298 @@
+#include "service/childProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <thread>
+
+#if !defined(__x86_64__) && !defined(__aarch64__)
+// resetSignalDispositions() hands the kernel its own sigaction layout, which differs by
+// architecture; these two share it.
+#error "the child-process code knows the kernel's sigaction layout of x86_64 and aarch64 only"
+#endif
+
+// The C library's clone() under its other exported name. ThreadSanitizer intercepts clone() and
+// treats every call like a fork: in the child it resets its own state, which a child that shares
+// the agent's memory would reset for the agent. Nothing intercepts __clone.
+extern "C" int __clone(int (*entry)(void*), void* stack, int flags, void* argument, ...);
+
+namespace {
+
+// strerror() that is safe in a child: the texts are taken once, in the parent.
+class ErrnoTexts {
+ public:
+  static const ErrnoTexts& get() {
+    // Never destroyed: a worker may still be starting a plugin while the process exits.
+    static const ErrnoTexts* const texts = new ErrnoTexts;
+    return *texts;
+  }
+
+  const char* text(int error) const noexcept {
+    return error >= 0 && error < kCount ? texts_[error].c_str() : "Unknown error";
+  }
+
+ private:
+  // Linux's errno values end at 133 (EHWPOISON).
+  static constexpr int kCount = 256;
+
+  // strerror() may go through the locale's message catalogue, which allocates and takes locks.
+  // The agent never changes its locale, so the texts read exactly as strerror() would.
+  ErrnoTexts() {
+    for (int error = 0; error < kCount; ++error) texts_[error] = std::strerror(error);
+  }
+
+  std::array<std::string, kCount> texts_;
+};
+
+// ---- The child's side: raw system calls only (see the header for why). ----
+
+struct ChildArgs {
+  const ChildSetup* setup;
+  const sigset_t* mask;  // the starting thread's mask, given back before execve
+  const ErrnoTexts* errnoTexts;
+};
+
+long sys(long number, long a = 0, long b = 0, long c = 0, long d = 0) noexcept {
+  return ::syscall(number, a, b, c, d);
+}
+
+void writeText(int fd, const char* text) noexcept {
+  std::size_t left = 0;
+  while (text[left] != '\0') ++left;
+  while (left > 0) {
+    const long written = sys(SYS_write, fd, reinterpret_cast<long>(text), static_cast<long>(left));
+    if (written == -1) {
+      if (errno == EINTR) continue;
+      return;  // nobody is left to tell
+    }
+    text += written;
+    left -= static_cast<std::size_t>(written);
+  }
+}
+
+[[noreturn]] void exitChild(int status) noexcept {
+  // exit_group ends only the child: it shares the agent's memory, not its thread group.
+  for (;;) sys(SYS_exit_group, status);
+}
+
+// The kernel's struct sigaction on x86_64 and aarch64.
+struct KernelSigaction {
+  void (*handler)(int);
+  unsigned long flags;
+  void (*restorer)();
+  std::uint64_t mask;
+};
+
+// A handler of the agent (SIGTERM's) must never run in the child, and an ignored signal would stay
+// ignored across execve: every disposition goes back to the default. Without CLONE_SIGHAND the
+// child's dispositions are its own copy, so the agent's are untouched. The kernel refuses SIGKILL
+// and SIGSTOP, which are default anyway; nothing else can fail for a valid signal number.
+void resetSignalDispositions() noexcept {
+  KernelSigaction byDefault{};
+  byDefault.handler = SIG_DFL;
+  for (int signal = 1; signal < NSIG; ++signal) {
+    if (signal == SIGKILL || signal == SIGSTOP) continue;
+    sys(SYS_rt_sigaction, signal, reinterpret_cast<long>(&byDefault), 0, sizeof byDefault.mask);
+  }
+}
+
+[[noreturn]] void runChild(const ChildArgs& args) noexcept {
+  const ChildSetup& setup = *args.setup;
+  if (setup.unusedFd >= 0) sys(SYS_close, setup.unusedFd);
+  if (setup.outputFd >= 0) {
+    long redirected;
+    if (setup.outputFd == STDOUT_FILENO) {
+      // The agent had no descriptor 1, so the pipe got it; dup2() onto itself would keep the
+      // close-on-exec flag and the plugin would lose its output: clear the flag instead.
+      redirected = sys(SYS_fcntl, STDOUT_FILENO, F_SETFD, 0);
+    } else {
+      while ((redirected = sys(SYS_dup3, setup.outputFd, STDOUT_FILENO, 0)) == -1 &&
+             errno == EINTR) {
+      }
+    }
+    if (redirected == -1) {
+      const int error = errno;
+      writeText(STDERR_FILENO, "EXEC fils: erreur de redirection de flux (dup2): ");
+      writeText(STDERR_FILENO, args.errnoTexts->text(error));
+      writeText(STDERR_FILENO, "\n");
+      sys(SYS_close, setup.outputFd);
+      exitChild(2);
+    }
+    if (setup.outputFd != STDOUT_FILENO) sys(SYS_close, setup.outputFd);
+  }
+
+  // The link's socket and the log file carry no close-on-exec flag, and another worker may have
+  // a pipe open at this moment: a plugin gets descriptors 0 to 2 and nothing else. Only an old
+  // kernel lacks close_range; it then gets the slow loop up to the descriptor limit.
+  if (sys(SYS_close_range, 3, ~0U, 0) == -1) {
+    for (long fd = 3; fd < 65536; ++fd) sys(SYS_close, fd);
+  }
+
+  // A plugin that signals its own group (`trap 'kill 0' EXIT`) must not reach the agent, and a
+  // time limit ends the plugin with everything it started. Cannot fail for a child that has not
+  // called execve yet and is no session leader; if it did, the plugin would merely share the
+  // agent's group, as it always has.
+  if (setup.ownProcessGroup) sys(SYS_setpgid, 0, 0);
+
+  resetSignalDispositions();
+  sys(SYS_rt_sigprocmask, SIG_SETMASK, reinterpret_cast<long>(args.mask), 0, sizeof(std::uint64_t));
+
+  sys(SYS_execve, reinterpret_cast<long>(setup.path), reinterpret_cast<long>(setup.argv),
+      reinterpret_cast<long>(setup.envp != nullptr ? setup.envp : environ));
+  const int error = errno;
+  writeText(STDOUT_FILENO, setup.execFailurePrefix);
+  writeText(STDOUT_FILENO, args.errnoTexts->text(error));
+  writeText(STDOUT_FILENO, "\n");
+  exitChild(2);
+}
+
+int cloneEntry(void* args) { runChild(*static_cast<const ChildArgs*>(args)); }
+
+// ---- The parent's side. ----
+
+// The child's stack: mapped for one start, with a guard page below it. The child's frames are
+// small and bounded (no recursion, no allocation), a few hundred bytes in all.
+class ChildStack {
+ public:
+  ChildStack() {
+    base_ = ::mmap(nullptr, kSize + kGuard, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK | MAP_NORESERVE, -1, 0);
+    if (base_ == MAP_FAILED) {
+      base_ = nullptr;
+      return;
+    }
+    if (::mprotect(base_, kGuard, PROT_NONE) == -1) {
+      const int error = errno;
+      ::munmap(base_, kSize + kGuard);
+      base_ = nullptr;
+      errno = error;
+    }
+  }
+  ChildStack(const ChildStack&) = delete;
+  ChildStack& operator=(const ChildStack&) = delete;
+  ~ChildStack() {
+    if (base_ != nullptr) ::munmap(base_, kSize + kGuard);
+  }
+
+  bool ok() const noexcept { return base_ != nullptr; }
+  // The stack grows down: clone() takes its top.
+  void* top() const noexcept { return static_cast<char*>(base_) + kGuard + kSize; }
+
+ private:
+  static constexpr std::size_t kSize = 32 * 1024;
+  static constexpr std::size_t kGuard = 4096;
+  void* base_ = nullptr;
+};
+
+// Runs start(args) with every signal blocked in the calling thread, so that no handler of the
+// agent can run in the child before it has reset them; the caller gets its mask back right after.
+template <typename Start>
+pid_t withSignalsBlocked(const ChildSetup& setup, Start start) {
+  sigset_t all;
+  sigset_t previous;
+  ::sigfillset(&all);
+  const int blocked = ::pthread_sigmask(SIG_SETMASK, &all, &previous);
+  if (blocked != 0) {
+    errno = blocked;
+    return -1;
+  }
+  const ChildArgs args{&setup, &previous, &ErrnoTexts::get()};
+  const pid_t pid = start(args);
+  const int startError = errno;
+  // Cannot fail: the same call with a valid mask has just succeeded.
+  ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  errno = startError;
+  return pid;
+}
+
+}  // namespace
+
+ArgumentVector::ArgumentVector(const std::string& program, const std::vector<std::string>& items) {
+  strings_.reserve(items.size() + 1);
+  strings_.push_back(program);
+  strings_.insert(strings_.end(), items.begin(), items.end());
+  pointers_.reserve(strings_.size() + 1);
+  for (std::string& s : strings_) pointers_.push_back(s.data());
+  pointers_.push_back(nullptr);
+}
+
+pid_t spawnChild(const ChildSetup& setup) {
+  ChildStack stack;
+  if (!stack.ok()) return -1;
+  return withSignalsBlocked(setup, [&stack](const ChildArgs& args) {
+    // CLONE_VFORK: this thread sleeps until the child has called execve or ended, so the stack,
+    // the setup and the mask it reads stay valid, and are free again when clone() returns.
+    return __clone(cloneEntry, stack.top(), CLONE_VM | CLONE_VFORK | SIGCHLD,
+                   const_cast<ChildArgs*>(&args));
+  });
+}
+
+pid_t forkChild(const ChildSetup& setup) {
+  return withSignalsBlocked(setup, [](const ChildArgs& args) {
+    const pid_t pid = ::fork();
+    if (pid == 0) runChild(args);
+    return pid;
+  });
+}
+
+pid_t waitRetry(pid_t pid, int* status, int options) {
+  pid_t result;
+  while ((result = ::waitpid(pid, status, options)) == -1 && errno == EINTR) {
+  }
+  return result;
+}
+
+ChildProcess::~ChildProcess() {
+  if (pid_ <= 0) return;
+  ::kill(pid_, SIGKILL);
+  int ignored;
+  waitRetry(pid_, &ignored, 0);
+}
+
+int Deadline::millisecondsLeft() const {
+  const auto left = at_ - std::chrono::steady_clock::now();
+  if (left <= std::chrono::steady_clock::duration::zero()) return 0;
+  return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
+}
+
+int waitReadable(int fd, const Deadline& deadline) {
+  pollfd watched{fd, POLLIN, 0};
+  for (;;) {
+    const int ready = ::poll(&watched, 1, deadline.millisecondsLeft());
+    if (ready != -1 || errno != EINTR) return ready > 0 ? 1 : ready;
+  }
+}
+
+pid_t ChildProcess::wait(int* status, const Deadline& deadline) noexcept {
+  pid_t result;
+  if (!deadline.set()) {
+    result = waitRetry(pid_, status, WUNTRACED | WCONTINUED);
+  } else {
+    // There is no waitpid with a time-out. Once the output has ended, the child normally ends
+    // within microseconds, so the first looks come quickly; one that closed its output and runs
+    // on is looked at every 50 ms at most.
+    auto pause = std::chrono::microseconds(20);
+    for (;;) {
+      result = waitRetry(pid_, status, WNOHANG | WUNTRACED | WCONTINUED);
+      if (result != 0) break;
+      const int left = deadline.millisecondsLeft();
+      if (left == 0) return 0;
+      std::this_thread::sleep_for(
+          std::min<std::chrono::microseconds>(pause, std::chrono::milliseconds(left)));
+      pause = std::min<std::chrono::microseconds>(pause * 2, std::chrono::milliseconds(50));
+    }
+  }
+  // After a failure the pid may already be reaped by someone else and reused: never kill it.
+  if (result == -1 || WIFEXITED(*status) || WIFSIGNALED(*status)) pid_ = 0;
+  return result;
+}

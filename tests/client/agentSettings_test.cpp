@@ -1,0 +1,76 @@
+#include "client/agentSettings.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "../common/tempDirTest.h"
+#include "common/iniConfig.h"
+
+namespace {
+
+class AgentSettingsTest : public TempDirTest {
+ protected:
+  AgentSettings read(const std::string& nivoLines, const std::string& sslLines = "") {
+    writeFile("qavel.conf", "[SSL]\ncafile=\n" + sslLines + "[NIVO]\nthread=2\n" + nivoLines);
+    iniConfig config(path("qavel.conf"));
+    problems_.clear();
+    return readAgentSettings(config, problems_);
+  }
+  std::vector<std::string> problems_;
+};
+
+TEST_F(AgentSettingsTest, WholeNumbersInRangeAreTakenAndAnythingElseIsNamedAndIgnored) {
+  struct Case {
+    std::string line;
+    int pluginTimeout;
+    int pongTimeout;
+    std::string problem;  // "" when none
+  };
+  const std::vector<Case> cases = {
+      {"", 0, 30, ""},
+      {"plugin_timeout=60\n", 60, 30, ""},
+      {"plugin_timeout=86400\n", 86400, 30, ""},
+      {"plugin_timeout=86401\n", 0, 30,
+       "NIVO/plugin_timeout: '86401' is not a whole number from 0 to 86400; the key is ignored"},
+      {"plugin_timeout=6O\n", 0, 30, "NIVO/plugin_timeout: '6O' is not"},
+      {"plugin_timeout=-1\n", 0, 30, "NIVO/plugin_timeout: '-1' is not"},
+      {"plugin_timeout= 5\n", 0, 30, "NIVO/plugin_timeout: ' 5' is not"},
+      {"pong_timeout=0\n", 0, 0, ""},
+      {"pong_timeout=x\n", 0, 30, "NIVO/pong_timeout: 'x' is not"},
+  };
+  for (const Case& c : cases) {
+    const AgentSettings settings = read(c.line);
+    EXPECT_EQ(settings.pluginTimeout, c.pluginTimeout) << c.line;
+    EXPECT_EQ(settings.pongTimeout, c.pongTimeout) << c.line;
+    if (c.problem.empty()) {
+      EXPECT_TRUE(problems_.empty()) << c.line;
+    } else {
+      ASSERT_EQ(problems_.size(), 1u) << c.line;
+      EXPECT_EQ(problems_[0].rfind(c.problem, 0), 0u) << problems_[0];
+    }
+  }
+}
+
+TEST_F(AgentSettingsTest, FlagsAreZeroOrOneAndAKeyFileMustBeReadable) {
+  writeFile("agent.key", "key");
+  AgentSettings settings = read("unknown_on_failure=1\nmax_output=65536\n",
+                                "verify_server=1\nclient_key=" + path("agent.key") + "\n");
+  EXPECT_TRUE(settings.verifyServer);
+  EXPECT_TRUE(settings.unknownOnFailure);
+  EXPECT_EQ(settings.maxOutput, 65536u);
+  EXPECT_EQ(settings.clientKey, path("agent.key"));
+  EXPECT_TRUE(problems_.empty());
+
+  settings = read("unknown_on_failure=2\n", "client_key=" + path("absent.key") + "\n");
+  EXPECT_FALSE(settings.unknownOnFailure);
+  EXPECT_EQ(settings.clientKey, "");
+  ASSERT_EQ(problems_.size(), 2u);
+  EXPECT_EQ(problems_[0], "SSL/client_key: cannot read " + path("absent.key") +
+                              ": No such file or directory; the key is ignored");
+  EXPECT_EQ(problems_[1].rfind("NIVO/unknown_on_failure: '2' is not a whole number from 0 to 1", 0),
+            0u);
+}
+
+}  // namespace
