@@ -4,7 +4,8 @@ JOBS    ?= $(shell nproc)
 CMAKE_FLAGS ?= $(if $(CI),-DNIVO_WERROR=ON,)
 CTEST   = ctest --output-on-failure -j $(JOBS)
 
-.PHONY: all deps build test test-asan test-tsan test-all demo bench fuzz fuzz-ci format clean
+.PHONY: all deps build test test-asan test-tsan test-all demo bench fuzz fuzz-ci deb test-install \
+	format clean
 
 all: build
 
@@ -54,8 +55,16 @@ fuzz: deps
 fuzz-ci:
 	$(MAKE) fuzz FUZZ_SECONDS=30
 
+# The Debian package, built from a clean copy of the tree and checked by lintian: build-deb/*.deb.
+deb: deps
+	JOBS=$(JOBS) scripts/build-deb
+
+# Builds the package, then installs, runs, upgrades, removes and purges it in a throw-away root.
+test-install: deps
+	JOBS=$(JOBS) scripts/test-install
+
 format:
 	clang-format-14 -i $$(git ls-files '*.h' '*.cpp')
 
 clean:
-	rm -rf build build-asan build-tsan build-fuzz
+	rm -rf build build-asan build-tsan build-fuzz build-deb

@@ -23,6 +23,7 @@
 #include "../common/uniqueFd.h"
 #include "../link/qavel.h"
 #include "../link/task.h"
+#include "configCheck.h"
 #include "statusFile.h"
 #include "stopSignal.h"
 
@@ -177,7 +178,7 @@ PoolThreadService* poolFor(int priority) {
 void parseCommandLine(int argc, char** argv) {
   if (argc <= 1) return;
   int option;
-  while ((option = getopt(argc, argv, "f:D")) != -1) {
+  while ((option = getopt_long(argc, argv, "f:D", configCheck::kLongOptions, nullptr)) != -1) {
     switch (option) {
       case 'f':
         pathToConfigFile = optarg;
@@ -186,7 +187,7 @@ void parseCommandLine(int argc, char** argv) {
         debug = 1;
         break;
       default:
-        break;  // other options are ignored
+        break;  // long options set configCheck::request; other options are ignored
     }
   }
 }
@@ -378,6 +379,10 @@ void runAgent() {
 
 int qavelClientMain(int argc, char** argv) {
   parseCommandLine(argc, argv);
+  if (configCheck::request != configCheck::kNone) {
+    endAgent(configCheck::answer(static_cast<configCheck::Request>(configCheck::request),
+                                 pathToConfigFile, {pathSN, kServerUrlFile}, std::cout));
+  }
   die_orva = 0;
   try {
     runAgent();

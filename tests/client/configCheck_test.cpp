@@ -1,0 +1,256 @@
+#include "client/configCheck.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "../common/tempDirTest.h"
+#include "client/qavel-client.h"
+#include "common/iniConfig.h"
+
+namespace {
+
+using Keys = std::vector<std::pair<std::string, std::vector<std::pair<std::string, std::string>>>>;
+
+// A configuration the agent starts with, every key on and every file it names in the test's
+// directory; a test changes one thing and looks at what the check says.
+class ConfigCheckTest : public TempDirTest {
+ protected:
+  void SetUp() override {
+    TempDirTest::SetUp();
+    const std::string openssl =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 "
+        "-nodes -days 1 -subj /CN=agent >/dev/null 2>&1";
+    ASSERT_EQ(std::system(
+                  (openssl + " -keyout " + path("key.pem") + " -out " + path("cert.pem")).c_str()),
+              0);
+    prepare();
+  }
+
+  // Every file but the certificate and its key, and the keys, as they are before any change.
+  void prepare() {
+    std::filesystem::create_directories(path("plugins"));
+    std::filesystem::create_directories(path("log"));
+    writeFile("sn", "SN-0001\n");
+    writeFile("server_url", "127.0.0.1:8443\n");
+    writeFile("plugins.list", "check_a\n");
+    writeFile("plugins/check_a", "#!/bin/sh\necho OK\n");
+    chmod(path("plugins/check_a").c_str(), 0755);
+    keys_ = {
+        {"LOG",
+         {{"info", path("log/status")},
+          {"log_file", path("log/agent.log")},
+          {"lastExec", path("log/lastexec")}}},
+        {"SSL",
+         {{"cafile", path("cert.pem")},
+          {"local_cert", path("cert.pem")},
+          {"verify_server", "1"},
+          {"client_key", path("key.pem")}}},
+        {"NIVO",
+         {{"plugin_list", path("plugins.list")},
+          {"plugin_dir", path("plugins")},
+          {"server_url", "wss://127.0.0.1:8443"},
+          {"ip_command", "/bin/true"},
+          {"thread", "2"},
+          {"plugin_timeout", "60"},
+          {"max_output", "65536"},
+          {"max_workers", "64"},
+          {"open_timeout", "10"},
+          {"unknown_on_failure", "1"},
+          {"pong_timeout", "30"}}},
+    };
+  }
+
+  void set(const std::string& section, const std::string& key, const std::string& value) {
+    for (auto& [name, lines] : keys_)
+      for (auto& line : lines)
+        if (name == section && line.first == key) line.second = value;
+  }
+
+  void writeConfig() {
+    std::string text;
+    for (const auto& [section, lines] : keys_) {
+      text += "[" + section + "]\n";
+      for (const auto& [key, value] : lines) text += key + "=" + value + "\n";
+    }
+    writeFile("qavel.conf", text);
+  }
+
+  configCheck::FixedFiles fixedFiles() const { return {path("sn"), path("server_url")}; }
+
+  std::vector<std::string> check() {
+    writeConfig();
+    return configCheck::problems(path("qavel.conf"), fixedFiles());
+  }
+
+  Keys keys_;
+};
+
+TEST_F(ConfigCheckTest, EachFaultIsOneLineNamingItsKeyOrFile) {
+  using Change = std::function<void()>;
+  const struct Case {
+    const char* fault;
+    Change change;
+    std::string lineStart;  // of the one line expected
+  } cases[] = {
+      {"nothing", [] {}, ""},
+      {"no serial number", [this] { std::remove(path("sn").c_str()); },
+       "serial number file: cannot read "},
+      {"empty serial number", [this] { writeFile("sn", "\nSN\n"); },
+       "serial number file " + path("sn") + ": the first line is empty"},
+      {"log directory missing", [this] { set("LOG", "log_file", path("none/agent.log")); },
+       "LOG/log_file: cannot create "},
+      {"status file is a directory", [this] { set("LOG", "info", path("log")); },
+       "LOG/info: " + path("log") + " is a directory"},
+      {"no last-execution file", [this] { set("LOG", "lastExec", ""); }, "LOG/lastExec is empty"},
+      {"plugin directory missing", [this] { set("NIVO", "plugin_dir", path("none")); },
+       "NIVO/plugin_dir: cannot list "},
+      {"blank after a plugin name", [this] { writeFile("plugins.list", "check_a \n"); },
+       "NIVO/plugin_list: line 1, 'check_a '"},
+      {"CR after a plugin name", [this] { writeFile("plugins.list", "check_a\ncheck_a\r\n"); },
+       "NIVO/plugin_list: line 2, 'check_a\\r'"},
+      {"listed plugin without its file",
+       [this] { writeFile("plugins.list", "check_a\n\ncheck_b\ncheck_b\n"); },
+       "NIVO/plugin_list: check_b: "},
+      {"plugin not executable", [this] { chmod(path("plugins/check_a").c_str(), 0644); },
+       "NIVO/plugin_list: check_a: "},
+      {"plugin list missing", [this] { set("NIVO", "plugin_list", path("none.list")); },
+       "NIVO/plugin_list: cannot read "},
+      {"server URL from a missing file",
+       [this] {
+         set("NIVO", "server_url", "");
+         std::remove(path("server_url").c_str());
+       },
+       "NIVO/server_url is empty, and " + path("server_url") + ": cannot read "},
+      {"server URL file with an empty line",
+       [this] {
+         set("NIVO", "server_url", "");
+         writeFile("server_url", "\n");
+       },
+       "NIVO/server_url is empty, and " + path("server_url") + ": 'wss://' is not"},
+      {"blank before the URL", [this] { set("NIVO", "server_url", " wss://h:1"); },
+       "NIVO/server_url: ' wss://h:1' is not wss://HOST:PORT"},
+      {"ip program missing", [this] { set("NIVO", "ip_command", path("none")); },
+       "NIVO/ip_command: "},
+      {"worker count not a number", [this] { set("NIVO", "thread", "four"); },
+       "NIVO/thread: 'four'"},
+      {"no worker", [this] { set("NIVO", "thread", "0"); }, "NIVO/thread: '0'"},
+      {"opt-in key with a typo", [this] { set("NIVO", "max_output", "64K"); },
+       "NIVO/max_output: '64K'"},
+      {"CA file without a certificate", [this] { set("SSL", "cafile", path("sn")); },
+       "SSL/cafile: no certificate in "},
+      {"client key without its certificate", [this] { set("SSL", "local_cert", ""); },
+       "SSL/local_cert is empty"},
+      {"client key of another certificate",
+       [this] {
+         ASSERT_EQ(std::system(("openssl genpkey -algorithm ec -pkeyopt ec_paramgen_curve:P-256 "
+                                "-out " +
+                                path("other.pem") + " 2>/dev/null")
+                                   .c_str()),
+                   0);
+         set("SSL", "client_key", path("other.pem"));
+       },
+       "SSL/client_key: " + path("other.pem") + " is not the unencrypted key of "},
+      // A pass phrase asked for on the terminal would hang a package installation.
+      {"encrypted client key",
+       [this] {
+         ASSERT_EQ(std::system(("openssl pkey -aes128 -passout pass:secret -in " + path("key.pem") +
+                                " -out " + path("locked.pem"))
+                                   .c_str()),
+                   0);
+         set("SSL", "client_key", path("locked.pem"));
+       },
+       "SSL/client_key: " + path("locked.pem") + " is not the unencrypted key of "},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.fault);
+    prepare();
+    c.change();
+    const std::vector<std::string> lines = check();
+    if (c.lineStart.empty()) {
+      EXPECT_EQ(lines, std::vector<std::string>{});
+    } else {
+      ASSERT_EQ(lines.size(), 1u) << ::testing::PrintToString(lines);
+      EXPECT_EQ(lines[0].rfind(c.lineStart, 0), 0u) << lines[0];
+    }
+  }
+}
+
+TEST_F(ConfigCheckTest, UnusableConfigurationIsOneLine) {
+  EXPECT_EQ(configCheck::problems(path("none.conf"), fixedFiles()),
+            std::vector<std::string>{"configuration " + path("none.conf") +
+                                     ": cannot read it: No such file or directory"});
+  writeFile("crlf.conf", "[NIVO]\r\nthread=2\r\n");
+  EXPECT_EQ(configCheck::problems(path("crlf.conf"), fixedFiles()),
+            std::vector<std::string>{"configuration " + path("crlf.conf") +
+                                     ": CR LF line ends; the agent finds no section in it"});
+}
+
+// The agent's command line, end to end: the long options are served after the whole line is read
+// (a -f after --check-config counts), the exit status says whether anything is wrong, and unknown
+// short options are still passed over.
+TEST_F(ConfigCheckTest, LongOptionsAnswerWithoutStarting) {
+  writeConfig();
+  pathSN = path("sn");
+  writeFile("bad.conf", "[LOG]\n");
+  const std::string good = path("qavel.conf");
+  const std::string bad = path("bad.conf");
+  const struct {
+    std::vector<std::string> arguments;
+    int status;
+    std::string outputStart;
+  } cases[] = {
+      {{"--check-config", "-f", good}, 0, ""},
+      {{"-f", bad, "--check-config"}, 1, "LOG/info is empty"},
+      {{"-x", "--version"}, 0, "qavel-client 1.0\n"},
+      {{"--help", "-D"}, 0, "Usage: qavel-client [-f CONFIG] [-D]\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.arguments));
+    std::vector<std::string> words = {"qavel-client"};
+    words.insert(words.end(), c.arguments.begin(), c.arguments.end());
+    const auto run = [&] {
+      std::vector<char*> argv;
+      for (std::string& word : words) argv.push_back(word.data());
+      argv.push_back(nullptr);
+      if (std::freopen(path("out").c_str(), "w", stdout) == nullptr) std::_Exit(99);
+      qavelClientMain(static_cast<int>(words.size()), argv.data());
+    };
+    EXPECT_EXIT(run(), ::testing::ExitedWithCode(c.status), "");
+    EXPECT_EQ(readFile("out").rfind(c.outputStart, 0), 0u) << readFile("out");
+  }
+}
+
+// The key reader takes the first line of a section that holds the key's text anywhere: in the
+// shipped sample, every key must be read from its own line, and every key the agent knows is on.
+TEST(SampleConfiguration, EveryKeyIsOnAndReadFromItsOwnLine) {
+  const std::vector<std::pair<std::string, std::vector<std::string>>> known = {
+      {"LOG", {"info", "log_file", "lastExec"}},
+      {"SSL", {"cafile", "local_cert", "verify_server", "client_key"}},
+      {"NIVO",
+       {"plugin_list", "plugin_dir", "server_url", "ip_command", "thread", "plugin_timeout",
+        "max_output", "max_workers", "open_timeout", "unknown_on_failure", "pong_timeout"}},
+  };
+  iniConfig sample(NIVO_SAMPLE_CONFIG);
+  for (const auto& [section, keys] : known) {
+    const std::map<std::string, std::string> lines =
+        iniConfig(NIVO_SAMPLE_CONFIG).getSection(section);
+    for (const std::string& key : keys) {
+      SCOPED_TRACE(section + "/" + key);
+      const auto own = lines.find(key);
+      ASSERT_NE(own, lines.end()) << "no line " << key << "=";
+      EXPECT_FALSE(own->second.empty());
+      EXPECT_EQ(sample.getKey(section, key), own->second);
+    }
+  }
+}
+
+}  // namespace
