@@ -227,6 +227,7 @@ std::string serverUrl(iniConfig& config) {
   if (!configured.empty()) return configured;
   logLine(1, std::string("Get file url serveur on ") + kServerUrlFile);
   std::ifstream file(kServerUrlFile);
+  // Deliberately a pointer: no handler matches it, and the agent ends abnormally, unlogged.
   if (!file.is_open()) throw new FileException(std::string(kServerUrlFile) + " File not found");
   std::string line;
   std::getline(file, line);

@@ -17,6 +17,12 @@
 #include "../service/service.h"
 #include "agentSettings.h"
 
+// Thread rules: the paths, NIVO_SN, the certificates' names, pluginPathExec, debug and
+// agentSettings are written by the main thread during start-up, before the link and the pools
+// exist, and only read afterwards. fileLog and endpoint are created once by the main thread and
+// never freed while another thread runs (the process ends with _exit). The pools' pointers are
+// published under a lock of qavel-client.cpp, since an order may arrive before they exist.
+// die_orva is atomic; mutex_lastexec guards the last-execution file.
 extern std::string pathToConfigFile;
 extern std::string pathSN;
 extern std::string pathLastExecFile;

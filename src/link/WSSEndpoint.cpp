@@ -382,6 +382,7 @@ void WSSEndpoint::send(std::string text) {
     if (!first) {
       return first;
     }
+    // A failed send is deliberately tried once more, and the first failure is not logged.
     // A fresh code: WebSocket++ does nothing when handed one that is already set.
     websocketpp::lib::error_code second;
     endpoint_.send(hdl_, text, websocketpp::frame::opcode::text, second);

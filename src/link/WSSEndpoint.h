@@ -112,7 +112,7 @@ class WSSEndpoint {
   LinkOptions options_;  // network thread, once connect has been called
   std::string host_;     // of the URI being connected; network thread
   std::atomic<LinkState> state_{LinkState::Idle};
-  logFile* log_ = nullptr;
+  logFile* log_ = nullptr;                      // not owned; must outlive the endpoint
   [[maybe_unused]] std::int32_t status_ = 254;  // no operation reads it yet
   // While the network thread is inside the message callback, it touches no connection state:
   // another thread may then use the connection directly ("borrow" the thread), for the callback

@@ -159,7 +159,7 @@ void PoolThreadService::executeFct(int /*number*/) {
           try {
             result = s->execute();
             traceJoined(0, "service exec SUCCESS ", name);
-            attempts = 10;
+            attempts = 10;  // deliberately past kAttempts: below, it tells a success from failures
           } catch (const serviceException& e) {
             ++attempts;
             trace(4, "Execute failed retry" + name + " " + std::to_string(s->GetService_id()) +

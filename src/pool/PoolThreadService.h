@@ -75,7 +75,7 @@ class PoolThreadService {
   std::atomic<bool> stop_{true};
   std::atomic<int> maxWorkers_{0};
   bool boundReached_ = false;  // the dispatching thread only
-  logFile* log_ = nullptr;
+  logFile* log_ = nullptr;     // not owned; must outlive the pool
   AfterExec afterExec_ = nullptr;
   BeforeExec beforeExec_ = nullptr;
   // Every worker started, in start order. A deque, because growth appends from the dispatching
