@@ -1,6 +1,5 @@
 #include "WSSEndpoint.h"
 
-#include <json/json.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
@@ -14,6 +13,8 @@
 #include <stdexcept>
 #include <utility>
 #include <vector>
+
+#include "qavel.h"
 
 // Every WebSocket++ call on the endpoint or the connection runs on the network thread. The library
 // reads and writes the connection's state there without its own lock (the open and the
@@ -419,13 +420,8 @@ void WSSEndpoint::close(std::uint16_t code, std::string reason) {
 }
 
 void WSSEndpoint::registerQAVEL(std::string sn, std::string ip, std::string mac) {
-  Json::Value message(Json::objectValue);
-  message["COMMAND"] = "REGISTER";
-  message["IP"] = ip;
-  message["SN"] = sn;
-  message["MAC"] = mac;
   Trace(0, "register function: ");
-  send(message.toStyledString());
+  send(QAVEL::buildJsonRegister(sn, ip, mac));
 }
 
 void WSSEndpoint::fail(const std::string& text) {

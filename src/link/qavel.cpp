@@ -81,6 +81,16 @@ void QAVEL::sendTask(tlsClient& endpoint, std::weak_ptr<void> hdl, Task& task) {
   sendText(endpoint, std::move(hdl), doc.toStyledString());
 }
 
+std::string QAVEL::buildJsonRegister(const std::string& sn, const std::string& ip,
+                                     const std::string& mac) {
+  Json::Value message(Json::objectValue);
+  message["COMMAND"] = "REGISTER";
+  message["IP"] = ip;
+  message["SN"] = sn;
+  message["MAC"] = mac;
+  return message.toStyledString();
+}
+
 std::string QAVEL::buildJsonTaskState(Task& task) {
   Json::Value inner(Json::objectValue);
   inner["TASKID"] = task.getTaskId();

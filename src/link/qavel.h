@@ -44,6 +44,9 @@ class QAVEL {
   void sendTask(tlsClient& endpoint, std::weak_ptr<void> hdl, Task& task);
   // The serialised "EXEC-RESPONSE" of a task.
   std::string buildJsonTaskState(Task& task);
+  // The serialised "REGISTER" of this host.
+  static std::string buildJsonRegister(const std::string& sn, const std::string& ip,
+                                       const std::string& mac);
 
  private:
   Json::Value root_;
