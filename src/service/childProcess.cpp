@@ -13,7 +13,10 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <mutex>
+#include <new>
 #include <thread>
+#include <vector>
 
 #if !defined(__x86_64__) && !defined(__aarch64__)
 // resetSignalDispositions() hands the kernel its own sigaction layout, which differs by
@@ -160,38 +163,76 @@ int cloneEntry(void* args) { runChild(*static_cast<const ChildArgs*>(args)); }
 
 // ---- The parent's side. ----
 
-// The child's stack: mapped for one start, with a guard page below it. The child's frames are
-// small and bounded (no recursion, no allocation), a few hundred bytes in all.
-class ChildStack {
+// The children's stacks, kept for the next start: a stack is busy only while its clone() runs, so
+// there are never more than the threads starting a plugin at the same moment, and unmapping a
+// stack that a child has touched would cost a TLB shoot-down on every core at each start. Each
+// stack has a guard page below it; the child's frames are small and bounded (no recursion, no
+// allocation), a few hundred bytes in all.
+class StackPool {
  public:
-  ChildStack() {
-    base_ = ::mmap(nullptr, kSize + kGuard, PROT_READ | PROT_WRITE,
-                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK | MAP_NORESERVE, -1, 0);
-    if (base_ == MAP_FAILED) {
-      base_ = nullptr;
-      return;
-    }
-    if (::mprotect(base_, kGuard, PROT_NONE) == -1) {
-      const int error = errno;
-      ::munmap(base_, kSize + kGuard);
-      base_ = nullptr;
-      errno = error;
-    }
-  }
-  ChildStack(const ChildStack&) = delete;
-  ChildStack& operator=(const ChildStack&) = delete;
-  ~ChildStack() {
-    if (base_ != nullptr) ::munmap(base_, kSize + kGuard);
+  static StackPool& get() {
+    // Never destroyed: a worker may still be starting a plugin while the process exits.
+    static StackPool* const pool = new StackPool;
+    return *pool;
   }
 
-  bool ok() const noexcept { return base_ != nullptr; }
+  // The base of a stack, or null with errno set.
+  void* take() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!free_.empty()) {
+      void* const base = free_.back();
+      free_.pop_back();
+      return base;
+    }
+    try {
+      free_.reserve(mapped_ + 1);  // so that give() never allocates
+    } catch (const std::bad_alloc&) {
+      errno = ENOMEM;
+      return nullptr;
+    }
+    void* const base = ::mmap(nullptr, kGuard + kSize, PROT_READ | PROT_WRITE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK | MAP_NORESERVE, -1, 0);
+    if (base == MAP_FAILED) return nullptr;
+    if (::mprotect(base, kGuard, PROT_NONE) == -1) {
+      const int error = errno;
+      ::munmap(base, kGuard + kSize);
+      errno = error;
+      return nullptr;
+    }
+    ++mapped_;
+    return base;
+  }
+  void give(void* base) noexcept {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    free_.push_back(base);
+  }
+
   // The stack grows down: clone() takes its top.
-  void* top() const noexcept { return static_cast<char*>(base_) + kGuard + kSize; }
+  static void* top(void* base) noexcept { return static_cast<char*>(base) + kGuard + kSize; }
 
  private:
   static constexpr std::size_t kSize = 32 * 1024;
   static constexpr std::size_t kGuard = 4096;
-  void* base_ = nullptr;
+  std::mutex mutex_;
+  std::vector<void*> free_;
+  std::size_t mapped_ = 0;
+};
+
+// One stack of the pool, for the span of one start.
+class ChildStack {
+ public:
+  ChildStack() : base_(StackPool::get().take()) {}
+  ChildStack(const ChildStack&) = delete;
+  ChildStack& operator=(const ChildStack&) = delete;
+  ~ChildStack() {
+    if (base_ != nullptr) StackPool::get().give(base_);
+  }
+
+  bool ok() const noexcept { return base_ != nullptr; }
+  void* top() const noexcept { return StackPool::top(base_); }
+
+ private:
+  void* base_;
 };
 
 // Runs start(args) with every signal blocked in the calling thread, so that no handler of the
