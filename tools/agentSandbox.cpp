@@ -15,6 +15,8 @@
 #include <system_error>
 #include <thread>
 
+#include "common/uniqueFd.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -22,17 +24,6 @@ namespace {
 [[noreturn]] void fail(const std::string& what) {
   throw std::system_error(errno, std::generic_category(), what);
 }
-
-// Closes the descriptor it was given when it goes out of scope.
-struct descriptor {
-  explicit descriptor(int value) : fd(value) {}
-  ~descriptor() {
-    if (fd >= 0) close(fd);
-  }
-  descriptor(const descriptor&) = delete;
-  descriptor& operator=(const descriptor&) = delete;
-  const int fd;
-};
 
 // The child's side of start(): only async-signal-safe calls, since the caller may have threads.
 // The agent leads a process group of its own so that the plugins it leaves behind can be killed
@@ -198,17 +189,17 @@ void agentSandbox::start(std::vector<std::string> arguments) {
   for (std::string& variable : variables) envp.push_back(variable.data());
   envp.push_back(nullptr);
 
-  const descriptor output(
+  const UniqueFd output(
       open(path("agent.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (output.fd == -1) fail("open agent.out");
-  const descriptor errors(
+  if (output.get() == -1) fail("open agent.out");
+  const UniqueFd errors(
       open(path("agent.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (errors.fd == -1) fail("open agent.err");
-  const descriptor null(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  if (null.fd == -1) fail("open /dev/null");
+  if (errors.get() == -1) fail("open agent.err");
+  const UniqueFd null(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  if (null.get() == -1) fail("open /dev/null");
   exitStatus_.reset();
   pid_ = fork();
-  if (pid_ == 0) execAgent(output.fd, errors.fd, null.fd, argv.data(), envp.data());
+  if (pid_ == 0) execAgent(output.get(), errors.get(), null.get(), argv.data(), envp.data());
   if (pid_ == -1) fail("fork");
   // Also from this side, so that the group exists whichever process runs first. EACCES: the child
   // has already executed, after its own call did it; ESRCH: it has already ended.

@@ -17,6 +17,7 @@
 #include <sstream>
 #include <string>
 
+#include "common/uniqueFd.h"
 #include "qavelServer.h"
 
 namespace {
@@ -94,20 +95,6 @@ class Console {
     stream << line << std::endl;
   }
   std::mutex mutex_;
-};
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  const int fd_;
 };
 
 struct CommandLine {
@@ -311,8 +298,8 @@ int main(int argc, char** argv) {
     console.err("cannot block SIGINT and SIGTERM");
     return 1;
   }
-  const Descriptor signals(signalfd(-1, &stopSignals, SFD_CLOEXEC));
-  const Descriptor linkClosed(eventfd(0, EFD_CLOEXEC));
+  const UniqueFd signals(signalfd(-1, &stopSignals, SFD_CLOEXEC));
+  const UniqueFd linkClosed(eventfd(0, EFD_CLOEXEC));
   if (signals.get() < 0 || linkClosed.get() < 0) {
     console.err(std::string("cannot watch signals: ") + strerror(errno));
     return 1;

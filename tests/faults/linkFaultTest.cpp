@@ -13,26 +13,13 @@
 #include <system_error>
 #include <thread>
 
+#include "common/uniqueFd.h"
 #include "faultTest.h"
 
 namespace agentTest {
 namespace {
 
 const std::string kRegistering = "STATUS=REGISTERING          \nREGISTER=NONE               \n";
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  const int fd_;
-};
 
 // A peer on 127.0.0.1 that breaks the opening of the agent's link: nothing listens on its port, or
 // it accepts and stays silent (the kernel accepts for a listener that never calls accept), or it
@@ -84,7 +71,7 @@ class RawPeer {
 
  private:
   void serve() {
-    const Descriptor connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    const UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     // Bounds every read and write, so that a connection the agent abandons never holds the test.
     const timeval limit{5, 0};
     if (connection.get() < 0 ||
@@ -114,7 +101,7 @@ class RawPeer {
 
   const Behaviour behaviour_;
   const std::string reply_;
-  const Descriptor listener_{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  const UniqueFd listener_{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
   const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context_{SSL_CTX_new(TLS_server_method()),
                                                                    SSL_CTX_free};
   std::uint16_t port_ = 0;
