@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -24,6 +23,7 @@
 #include "../link/qavel.h"
 #include "../link/task.h"
 #include "configCheck.h"
+#include "hostDiscovery.h"
 #include "statusFile.h"
 #include "stopSignal.h"
 
@@ -192,80 +192,6 @@ void parseCommandLine(int argc, char** argv) {
   }
 }
 
-std::vector<std::string> readPluginList(const std::string& path) {
-  std::ifstream file(path);
-  if (!file.is_open()) throw FileException("can't open file" + path);
-  std::vector<std::string> list;
-  std::string line;
-  while (std::getline(file, line)) list.push_back(line);
-  return list;
-}
-
-void buildPluginCatalogue(const std::string& directory, const std::vector<std::string>& list) {
-  std::error_code ignored;
-  if (!std::filesystem::exists(directory, ignored))
-    logLine(4, "NIVO plugin directory does not exist");
-  // A missing directory throws here on purpose: the agent does not start with an empty catalogue.
-  for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-    const std::string path = entry.path().string();
-    if (!std::filesystem::is_regular_file(entry.path(), ignored)) continue;
-    if (access(path.c_str(), X_OK) != 0) continue;
-    const std::string name = entry.path().filename().string();
-    bool listed = false;
-    for (const std::string& wanted : list) listed = listed || wanted == name;
-    if (listed) {
-      logLine(0, "PLUGIN SELECTED: " + name);
-      pluginPathExec[name] = directory + "/" + name;
-    } else {
-      logLine(0, "PLUGIN REJECT: " + name);
-    }
-  }
-}
-
-std::string serverUrl(iniConfig& config) {
-  const std::string configured = config.getKey("NIVO", "server_url");
-  if (!configured.empty()) return configured;
-  logLine(1, std::string("Get file url serveur on ") + kServerUrlFile);
-  std::ifstream file(kServerUrlFile);
-  // Deliberately a pointer: no handler matches it, and the agent ends abnormally, unlogged.
-  if (!file.is_open()) throw new FileException(std::string(kServerUrlFile) + " File not found");
-  std::string line;
-  std::getline(file, line);
-  return "wss://" + line;
-}
-
-struct Identity {
-  std::string interfaceName;
-  std::string mac;
-  std::string ip;
-};
-
-// Runs `ip -j a` and takes the first interface other than the loopback that has an address.
-Identity findIdentity(const std::string& ipCommand) {
-  service runner;
-  runner.Setname("ip command");
-  runner.Setpath(ipCommand);
-  runner.Setparameter("-j a");
-  runner.execute();
-  const std::string output = runner.GetStdout();
-
-  Json::Value interfaces;
-  Json::Reader reader;
-  reader.parse(output, interfaces, true);  // not JSON: no interface, empty identity
-
-  Identity identity;
-  for (Json::ArrayIndex i = 0; i < interfaces.size(); ++i) {
-    identity.interfaceName = interfaces[i].get("ifname", "").asString();
-    if (identity.interfaceName == "lo") continue;
-    identity.mac = interfaces[i].get("address", "").asString();
-    identity.ip = interfaces[i]["addr_info"][0].get("local", "").asString();
-    logLine(1,
-            "Local interface: " + identity.interfaceName + " " + identity.mac + " " + identity.ip);
-    if (!identity.ip.empty()) break;
-  }
-  return identity;
-}
-
 // The opt-in keys, once; a value that cannot be used is said at WARNING level so that it shows
 // without -D, and its key stays off.
 void readSettings(iniConfig& config) {
@@ -328,15 +254,15 @@ void runAgent() {
 
   const std::vector<std::string> pluginList = readPluginList(config.getKey("NIVO", "plugin_list"));
   pathLastExecFile = config.getKey("LOG", "lastExec");
-  buildPluginCatalogue(config.getKey("NIVO", "plugin_dir"), pluginList);
+  pluginPathExec = pluginCatalogue(config.getKey("NIVO", "plugin_dir"), pluginList, fileLog);
 
   status.write("CONNECTING", "NONE");
   fileLog->write(0, "Signal arming...");
   stopSignal::arm(SIGTERM);
 
-  const std::string url = serverUrl(config);
+  const std::string url = serverUrl(config.getKey("NIVO", "server_url"), kServerUrlFile, fileLog);
   fileLog->write(0, "Server connection " + url + ".....");
-  const Identity identity = findIdentity(config.getKey("NIVO", "ip_command"));
+  const HostIdentity identity = findIdentity(config.getKey("NIVO", "ip_command"), fileLog);
   fileLog->write(1, "Local information: " + identity.interfaceName + " " + identity.ip + ".....");
   fileLog->write(1, "Connect to server information: " + url);
   leaveIfStopped();
