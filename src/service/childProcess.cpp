@@ -34,11 +34,7 @@ namespace {
 // strerror() that is safe in a child: the texts are taken once, in the parent.
 class ErrnoTexts {
  public:
-  static const ErrnoTexts& get() {
-    // Never destroyed: a worker may still be starting a plugin while the process exits.
-    static const ErrnoTexts* const texts = new ErrnoTexts;
-    return *texts;
-  }
+  static const ErrnoTexts& get() { return *instance; }
 
   const char* text(int error) const noexcept {
     return error >= 0 && error < kCount ? texts_[error].c_str() : "Unknown error";
@@ -54,8 +50,13 @@ class ErrnoTexts {
     for (int error = 0; error < kCount; ++error) texts_[error] = std::strerror(error);
   }
 
+  // Made while the process starts, like the stack pool below, and never destroyed.
+  static const ErrnoTexts* const instance;
+
   std::array<std::string, kCount> texts_;
 };
+
+const ErrnoTexts* const ErrnoTexts::instance = new ErrnoTexts;
 
 // ---- The child's side: raw system calls only (see the header for why). ----
 
@@ -170,11 +171,7 @@ int cloneEntry(void* args) { runChild(*static_cast<const ChildArgs*>(args)); }
 // allocation), a few hundred bytes in all.
 class StackPool {
  public:
-  static StackPool& get() {
-    // Never destroyed: a worker may still be starting a plugin while the process exits.
-    static StackPool* const pool = new StackPool;
-    return *pool;
-  }
+  static StackPool& get() { return *instance; }
 
   // The base of a stack, or null with errno set.
   void* take() {
@@ -213,10 +210,17 @@ class StackPool {
  private:
   static constexpr std::size_t kSize = 32 * 1024;
   static constexpr std::size_t kGuard = 4096;
+  // Made while the process starts, before any thread: a function-local static would be guarded
+  // by code built here without instrumentation, out of ThreadSanitizer's sight. Never destroyed:
+  // a worker may still be starting a plugin while the process exits.
+  static StackPool* const instance;
+
   std::mutex mutex_;
   std::vector<void*> free_;
   std::size_t mapped_ = 0;
 };
+
+StackPool* const StackPool::instance = new StackPool;
 
 // One stack of the pool, for the span of one start.
 class ChildStack {
