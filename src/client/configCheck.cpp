@@ -16,6 +16,7 @@
 
 #include "../common/iniConfig.h"
 #include "agentSettings.h"
+#include "hostDiscovery.h"
 
 #ifndef NIVO_VERSION
 #define NIVO_VERSION "unknown"
@@ -242,10 +243,10 @@ class Checker {
       return;
     }
     if (!readable("NIVO/plugin_list", listPath)) return;
-    std::ifstream list(listPath);
+    const std::vector<std::string> list = readPluginList(listPath);
     std::set<std::string> seen;
-    std::string name;
-    for (int number = 1; std::getline(list, name); ++number) {
+    for (std::size_t number = 1; number <= list.size(); ++number) {
+      const std::string& name = list[number - 1];
       if (name.empty()) continue;
       if (name.find_first_of(" \t\r") != std::string::npos) {
         add("NIVO/plugin_list: line " + std::to_string(number) + ", '" + visible(name) +
