@@ -4,7 +4,7 @@ JOBS    ?= $(shell nproc)
 CMAKE_FLAGS ?= $(if $(CI),-DNIVO_WERROR=ON,)
 CTEST   = ctest --output-on-failure -j $(JOBS)
 
-.PHONY: all deps build test test-asan test-tsan test-all demo bench fuzz fuzz-ci deb test-install \
+.PHONY: all deps build test test-asan test-tsan test-all demo bench fuzz fuzz-ci deb test-install mutate \
 	format clean
 
 all: build
@@ -45,6 +45,11 @@ demo: build
 bench: build
 	build/bench/bench_execute
 	build/bench/bench_agent
+
+# Faults put into src/ one at a time, each against the suite: killers, survivors and the score.
+# MUTATE_FLAGS="--count 300 --seed 7" samples differently; --list shows the sample only.
+mutate: deps
+	scripts/mutate $(MUTATE_FLAGS)
 
 FUZZ_SECONDS ?= 300
 fuzz: deps
