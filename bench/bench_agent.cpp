@@ -23,8 +23,8 @@
 #include <thread>
 #include <vector>
 
-#include "agentSandbox.h"
-#include "qavelServer.h"
+#include "tools/harness/agentSandbox.h"
+#include "tools/peer/qavelServer.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "service/service.h"
+#include "src/service/service.h"
 
 namespace {
 

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "common/iniConfig.h"
-#include "fuzzCheck.h"
+#include "fuzz/fuzzCheck.h"
+#include "src/common/iniConfig.h"
 
 namespace {
 

@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "client/qavel-client.h"
-#include "common/convertTo.h"
-#include "fuzzCheck.h"
+#include "fuzz/fuzzCheck.h"
+#include "src/client/qavel-client.h"
+#include "src/common/convertTo.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 #include <sstream>
 #include <string>
 
-#include "common/convertTo.h"
-#include "fuzzCheck.h"
-#include "link/qavel.h"
-#include "link/task.h"
+#include "fuzz/fuzzCheck.h"
+#include "src/common/convertTo.h"
+#include "src/link/qavel.h"
+#include "src/link/task.h"
 
 namespace {
 

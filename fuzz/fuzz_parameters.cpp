@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "fuzzCheck.h"
-#include "service/service.h"
+#include "fuzz/fuzzCheck.h"
+#include "src/service/service.h"
 
 namespace {
 

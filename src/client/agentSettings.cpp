@@ -1,4 +1,4 @@
-#include "agentSettings.h"
+#include "src/client/agentSettings.h"
 
 #include <unistd.h>
 
@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "../common/iniConfig.h"
+#include "src/common/iniConfig.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "configCheck.h"
+#include "src/client/configCheck.h"
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -14,9 +14,9 @@
 #include <set>
 #include <stdexcept>
 
-#include "../common/iniConfig.h"
-#include "agentSettings.h"
-#include "hostDiscovery.h"
+#include "src/client/agentSettings.h"
+#include "src/client/hostDiscovery.h"
+#include "src/common/iniConfig.h"
 
 #ifndef NIVO_VERSION
 #define NIVO_VERSION "unknown"

@@ -1,4 +1,4 @@
-#include "hostDiscovery.h"
+#include "src/client/hostDiscovery.h"
 
 #include <unistd.h>
 
@@ -7,8 +7,8 @@
 
 #include <json/json.h>
 
-#include "../common/logFile.h"
-#include "../service/service.h"
+#include "src/common/logFile.h"
+#include "src/service/service.h"
 
 namespace {
 

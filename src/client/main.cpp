@@ -1,6 +1,6 @@
 #include <malloc.h>
 
-#include "qavel-client.h"
+#include "src/client/qavel-client.h"
 
 int main(int argc, char** argv) {
   // glibc raises its mmap threshold after each large block freed (up to 32 MB); large plugin

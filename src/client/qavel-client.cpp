@@ -1,4 +1,4 @@
-#include "qavel-client.h"
+#include "src/client/qavel-client.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -18,14 +18,14 @@
 
 #include <json/json.h>
 
-#include "../common/iniConfig.h"
-#include "../common/uniqueFd.h"
-#include "../link/qavel.h"
-#include "../link/task.h"
-#include "configCheck.h"
-#include "hostDiscovery.h"
-#include "statusFile.h"
-#include "stopSignal.h"
+#include "src/client/configCheck.h"
+#include "src/client/hostDiscovery.h"
+#include "src/client/statusFile.h"
+#include "src/client/stopSignal.h"
+#include "src/common/iniConfig.h"
+#include "src/common/uniqueFd.h"
+#include "src/link/qavel.h"
+#include "src/link/task.h"
 
 std::string pathToConfigFile = "/etc/nivo/qavel.conf";
 std::string pathSN = "/etc/nivo/sn";

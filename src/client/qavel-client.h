@@ -11,11 +11,11 @@
 #include <mutex>
 #include <string>
 
-#include "../common/logFile.h"
-#include "../link/WSSEndpoint.h"
-#include "../pool/PoolThreadService.h"
-#include "../service/service.h"
-#include "agentSettings.h"
+#include "src/client/agentSettings.h"
+#include "src/common/logFile.h"
+#include "src/link/WSSEndpoint.h"
+#include "src/pool/PoolThreadService.h"
+#include "src/service/service.h"
 
 // Thread rules: the paths, NIVO_SN, the certificates' names, pluginPathExec, debug and
 // agentSettings are written by the main thread during start-up, before the link and the pools

@@ -1,4 +1,4 @@
-#include "statusFile.h"
+#include "src/client/statusFile.h"
 
 namespace {
 constexpr std::size_t kLineWidth = 28;

@@ -1,4 +1,4 @@
-#include "stopSignal.h"
+#include "src/client/stopSignal.h"
 
 #include <errno.h>
 #include <fcntl.h>

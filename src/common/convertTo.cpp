@@ -1,4 +1,4 @@
-#include "convertTo.h"
+#include "src/common/convertTo.h"
 
 #include <iterator>
 #include <sstream>

@@ -1,9 +1,9 @@
-#include "iniConfig.h"
+#include "src/common/iniConfig.h"
 
 #include <fstream>
 #include <utility>
 
-#include "convertTo.h"
+#include "src/common/convertTo.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <map>
 #include <string>
 
-#include "logFile.h"  // FileException
+#include "src/common/logFile.h"  // FileException
 
 class iniConfig {
  public:

@@ -1,4 +1,4 @@
-#include "ip.h"
+#include "src/common/ip.h"
 
 #include <cstdint>
 

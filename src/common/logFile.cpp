@@ -1,4 +1,4 @@
-#include "logFile.h"
+#include "src/common/logFile.h"
 
 #include <ctime>
 #include <filesystem>

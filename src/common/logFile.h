@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "messageException.h"
+#include "src/common/messageException.h"
 
 // Thrown when the log file, the configuration file or another file of the agent cannot be opened.
 class FileException : public MessageException {

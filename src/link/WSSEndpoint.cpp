@@ -1,4 +1,4 @@
-#include "WSSEndpoint.h"
+#include "src/link/WSSEndpoint.h"
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "qavel.h"
+#include "src/link/qavel.h"
 
 // Every WebSocket++ call on the endpoint or the connection runs on the network thread. The library
 // reads and writes the connection's state there without its own lock (the open and the

@@ -19,8 +19,8 @@
 #include <string>
 #include <thread>
 
-#include "../common/logFile.h"
-#include "../common/messageException.h"
+#include "src/common/logFile.h"
+#include "src/common/messageException.h"
 
 class WSSEndpointException : public MessageException {
  public:

@@ -1,4 +1,4 @@
-#include "qavel.h"
+#include "src/link/qavel.h"
 
 #include <iostream>
 #include <utility>
@@ -6,7 +6,7 @@
 #include <websocketpp/client.hpp>
 #include <websocketpp/config/asio_client.hpp>
 
-#include "../common/convertTo.h"
+#include "src/common/convertTo.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "task.h"
+#include "src/link/task.h"
 
 namespace websocketpp {
 template <typename config>

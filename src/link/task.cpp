@@ -1,4 +1,4 @@
-#include "task.h"
+#include "src/link/task.h"
 
 #include <utility>
 

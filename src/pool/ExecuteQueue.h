@@ -9,7 +9,7 @@
 #include <deque>
 #include <queue>
 
-#include "../common/messageException.h"
+#include "src/common/messageException.h"
 
 class EmptyQueueException : public MessageException {
  public:

@@ -1,4 +1,4 @@
-#include "PoolThreadService.h"
+#include "src/pool/PoolThreadService.h"
 
 #include <pthread.h>
 #include <signal.h>

@@ -13,10 +13,10 @@
 #include <string>
 #include <thread>
 
-#include "../common/logFile.h"
-#include "../common/messageException.h"
-#include "../service/service.h"
-#include "ExecuteQueue.h"
+#include "src/common/logFile.h"
+#include "src/common/messageException.h"
+#include "src/pool/ExecuteQueue.h"
+#include "src/service/service.h"
 
 // Thrown by the agent when a pool does not come up; the pool itself throws nothing.
 class PoolThreadServiceException : public MessageException {

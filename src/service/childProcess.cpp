@@ -1,4 +1,4 @@
-#include "service/childProcess.h"
+#include "src/service/childProcess.h"
 
 #include <fcntl.h>
 #include <poll.h>

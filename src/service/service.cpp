@@ -1,8 +1,8 @@
-#include "service/service.h"
+#include "src/service/service.h"
 
-#include "common/convertTo.h"
-#include "common/uniqueFd.h"
-#include "service/childProcess.h"
+#include "src/common/convertTo.h"
+#include "src/common/uniqueFd.h"
+#include "src/service/childProcess.h"
 
 #include <fcntl.h>
 #include <signal.h>

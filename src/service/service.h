@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "../common/messageException.h"
+#include "src/common/messageException.h"
 
 class Deadline;
 

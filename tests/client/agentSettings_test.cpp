@@ -1,12 +1,12 @@
-#include "client/agentSettings.h"
+#include "src/client/agentSettings.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "../common/tempDirTest.h"
-#include "common/iniConfig.h"
+#include "src/common/iniConfig.h"
+#include "tests/common/tempDirTest.h"
 
 namespace {
 

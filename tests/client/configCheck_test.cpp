@@ -1,4 +1,4 @@
-#include "client/configCheck.h"
+#include "src/client/configCheck.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "../common/tempDirTest.h"
-#include "client/qavel-client.h"
-#include "common/iniConfig.h"
+#include "src/client/qavel-client.h"
+#include "src/common/iniConfig.h"
+#include "tests/common/tempDirTest.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "client/hostDiscovery.h"
+#include "src/client/hostDiscovery.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "../common/tempDirTest.h"
-#include "common/logFile.h"
+#include "src/common/logFile.h"
+#include "tests/common/tempDirTest.h"
 
 namespace {
 

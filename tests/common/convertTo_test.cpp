@@ -1,4 +1,4 @@
-#include "common/convertTo.h"
+#include "src/common/convertTo.h"
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,10 @@
-#include "common/iniConfig.h"
+#include "src/common/iniConfig.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "tempDirTest.h"
+#include "tests/common/tempDirTest.h"
 
 namespace {
 

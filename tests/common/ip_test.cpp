@@ -1,4 +1,4 @@
-#include "common/ip.h"
+#include "src/common/ip.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "common/logFile.h"
+#include "src/common/logFile.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "tempDirTest.h"
+#include "tests/common/tempDirTest.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <optional>
 #include <regex>
 
-#include "agentTest.h"
+#include "tests/e2e/agentTest.h"
 
 namespace {
 

@@ -16,9 +16,9 @@
 #include <string>
 #include <vector>
 
-#include "../common/eventually.h"
-#include "agentSandbox.h"
-#include "qavelServer.h"
+#include "tests/common/eventually.h"
+#include "tools/harness/agentSandbox.h"
+#include "tools/peer/qavelServer.h"
 
 namespace agentTest {
 

@@ -4,7 +4,7 @@
 // after the burst is its peak).
 #include <regex>
 
-#include "faultTest.h"
+#include "tests/faults/faultTest.h"
 
 namespace agentTest {
 namespace {

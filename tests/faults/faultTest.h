@@ -10,7 +10,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "../e2e/agentTest.h"
+#include "tests/e2e/agentTest.h"
 
 namespace agentTest {
 

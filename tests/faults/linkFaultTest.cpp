@@ -13,8 +13,8 @@
 #include <system_error>
 #include <thread>
 
-#include "common/uniqueFd.h"
-#include "faultTest.h"
+#include "src/common/uniqueFd.h"
+#include "tests/faults/faultTest.h"
 
 namespace agentTest {
 namespace {

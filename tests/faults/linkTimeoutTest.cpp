@@ -1,7 +1,7 @@
 // The link's time limits, end to end: NIVO/open_timeout lets REGISTER wait for a link that opens
 // slowly, NIVO/pong_timeout ends a link whose server no longer answers. Without open_timeout,
 // REGISTER goes out 0.6 s after the connect, open or not, as it always has.
-#include "faultTest.h"
+#include "tests/faults/faultTest.h"
 
 namespace agentTest {
 namespace {

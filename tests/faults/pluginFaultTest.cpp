@@ -4,8 +4,8 @@
 // back to its idle size.
 #include <sys/resource.h>
 
-#include "../common/leftovers.h"
-#include "faultTest.h"
+#include "tests/common/leftovers.h"
+#include "tests/faults/faultTest.h"
 
 namespace agentTest {
 namespace {

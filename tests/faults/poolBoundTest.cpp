@@ -3,7 +3,7 @@
 // have.
 #include <regex>
 
-#include "faultTest.h"
+#include "tests/faults/faultTest.h"
 
 namespace agentTest {
 namespace {

@@ -4,7 +4,7 @@
 // openssl command, in the agent's sandbox.
 #include <filesystem>
 
-#include "faultTest.h"
+#include "tests/faults/faultTest.h"
 
 namespace agentTest {
 namespace {

@@ -3,7 +3,7 @@
 // web worker may still be running a plugin), so what its globals still reach is not a leak.
 #include <regex>
 
-#include "faultTest.h"
+#include "tests/faults/faultTest.h"
 
 namespace agentTest {
 namespace {

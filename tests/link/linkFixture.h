@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "../common/tempDirTest.h"
-#include "common/logFile.h"
-#include "link/WSSEndpoint.h"
-#include "qavelServer.h"
+#include "src/common/logFile.h"
+#include "src/link/WSSEndpoint.h"
+#include "tests/common/tempDirTest.h"
+#include "tools/peer/qavelServer.h"
 
 constexpr std::chrono::seconds kWait{10};
 

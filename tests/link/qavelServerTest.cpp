@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
-#include "../common/eventually.h"
-#include "linkFixture.h"
+#include "tests/common/eventually.h"
+#include "tests/link/linkFixture.h"
 
 namespace {
 

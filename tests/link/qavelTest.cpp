@@ -1,4 +1,4 @@
-#include "link/qavel.h"
+#include "src/link/qavel.h"
 
 #include <gtest/gtest.h>
 

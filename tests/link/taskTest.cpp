@@ -1,4 +1,4 @@
-#include "link/task.h"
+#include "src/link/task.h"
 
 #include <gtest/gtest.h>
 

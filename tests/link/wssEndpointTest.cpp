@@ -3,7 +3,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <future>
 
-#include "linkFixture.h"
+#include "tests/link/linkFixture.h"
 
 using EndpointTest = LinkTest;
 

@@ -1,4 +1,4 @@
-#include "pool/ExecuteQueue.h"
+#include "src/pool/ExecuteQueue.h"
 
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -9,8 +9,8 @@
 #include <string>
 #include <thread>
 
-#include "../common/tempDirTest.h"
-#include "../common/eventually.h"
+#include "tests/common/eventually.h"
+#include "tests/common/tempDirTest.h"
 
 namespace {
 

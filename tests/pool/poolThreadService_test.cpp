@@ -1,4 +1,4 @@
-#include "pool/PoolThreadService.h"
+#include "src/pool/PoolThreadService.h"
 
 #include <gtest/gtest.h>
 
@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "../common/tempDirTest.h"
-#include "common/logFile.h"
-#include "../common/eventually.h"
-#include "service/service.h"
+#include "src/common/logFile.h"
+#include "src/service/service.h"
+#include "tests/common/eventually.h"
+#include "tests/common/tempDirTest.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "service/service.h"
+#include "src/service/service.h"
 
 class ServiceTestPeer {
  public:

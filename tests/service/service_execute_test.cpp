@@ -15,10 +15,10 @@
 #include <tuple>
 #include <vector>
 
-#include "../common/leftovers.h"
-#include "../common/tempDirTest.h"
-#include "service/service.h"
-#include "serviceTestPeer.h"
+#include "src/service/service.h"
+#include "tests/common/leftovers.h"
+#include "tests/common/tempDirTest.h"
+#include "tests/service/serviceTestPeer.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "service/service.h"
-#include "serviceTestPeer.h"
+#include "src/service/service.h"
+#include "tests/service/serviceTestPeer.h"
 
 using Args = std::vector<std::string>;
 

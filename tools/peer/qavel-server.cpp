@@ -17,8 +17,8 @@
 #include <sstream>
 #include <string>
 
-#include "common/uniqueFd.h"
-#include "qavelServer.h"
+#include "src/common/uniqueFd.h"
+#include "tools/peer/qavelServer.h"
 
 namespace {
 

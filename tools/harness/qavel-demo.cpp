@@ -22,8 +22,8 @@
 #include <system_error>
 #include <vector>
 
-#include "agentSandbox.h"
-#include "qavelServer.h"
+#include "tools/harness/agentSandbox.h"
+#include "tools/peer/qavelServer.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "qavelServer.h"
+#include "tools/peer/qavelServer.h"
 
 #include <openssl/err.h>
 #include <openssl/evp.h>

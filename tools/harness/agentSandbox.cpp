@@ -1,4 +1,4 @@
-#include "agentSandbox.h"
+#include "tools/harness/agentSandbox.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -15,7 +15,7 @@
 #include <system_error>
 #include <thread>
 
-#include "common/uniqueFd.h"
+#include "src/common/uniqueFd.h"
 
 namespace fs = std::filesystem;
 
