@@ -2,6 +2,10 @@
 // "REGISTER", sends "EXEC" orders, records every frame it receives and can close or drop the link.
 // It runs its own I/O thread; every public call may be made from any thread, the callbacks too.
 // The most recently opened connection is "the link" that the send and close calls act on.
+//
+// The peer writes and reads the protocol with code of its own, never the agent's (only the
+// descriptor owner is shared, which knows nothing of the protocol): the tests judge the agent by
+// what this peer sees, and a fault in code both shared would pass unseen on both sides.
 #pragma once
 
 #include <json/json.h>
