@@ -10,15 +10,6 @@
 #include "src/common/logFile.h"
 #include "src/service/service.h"
 
-namespace {
-
-template <typename... Parts>
-void logLine(logFile* log, char level, const Parts&... parts) {
-  if (log != nullptr) log->writeJoined(level, parts...);
-}
-
-}  // namespace
-
 std::vector<std::string> readPluginList(const std::string& path) {
   std::ifstream file(path);
   if (!file.is_open()) throw FileException("can't open file" + path);
@@ -33,7 +24,7 @@ std::map<std::string, std::string> pluginCatalogue(const std::string& directory,
                                                    logFile* log) {
   std::error_code ignored;
   if (!std::filesystem::exists(directory, ignored))
-    logLine(log, 4, "NIVO plugin directory does not exist");
+    writeJoinedTo(log, 4, "NIVO plugin directory does not exist");
   std::map<std::string, std::string> catalogue;
   for (const auto& entry : std::filesystem::directory_iterator(directory)) {
     const std::string path = entry.path().string();
@@ -43,10 +34,10 @@ std::map<std::string, std::string> pluginCatalogue(const std::string& directory,
     bool listed = false;
     for (const std::string& wanted : list) listed = listed || wanted == name;
     if (listed) {
-      logLine(log, 0, "PLUGIN SELECTED: ", name);
+      writeJoinedTo(log, 0, "PLUGIN SELECTED: ", name);
       catalogue[name] = directory + "/" + name;
     } else {
-      logLine(log, 0, "PLUGIN REJECT: ", name);
+      writeJoinedTo(log, 0, "PLUGIN REJECT: ", name);
     }
   }
   return catalogue;
@@ -54,7 +45,7 @@ std::map<std::string, std::string> pluginCatalogue(const std::string& directory,
 
 std::string serverUrl(const std::string& configured, const char* dropFile, logFile* log) {
   if (!configured.empty()) return configured;
-  logLine(log, 1, "Get file url serveur on ", dropFile);
+  writeJoinedTo(log, 1, "Get file url serveur on ", dropFile);
   std::ifstream file(dropFile);
   // Deliberately a pointer: no handler matches it, and the agent ends abnormally, unlogged.
   if (!file.is_open()) throw new FileException(std::string(dropFile) + " File not found");
@@ -74,8 +65,8 @@ HostIdentity identityFromIpOutput(const std::string& output, logFile* log) {
     if (identity.interfaceName == "lo") continue;
     identity.mac = interfaces[i].get("address", "").asString();
     identity.ip = interfaces[i]["addr_info"][0].get("local", "").asString();
-    logLine(log, 1, "Local interface: ", identity.interfaceName, " ", identity.mac, " ",
-            identity.ip);
+    writeJoinedTo(log, 1, "Local interface: ", identity.interfaceName, " ", identity.mac, " ",
+                  identity.ip);
     if (!identity.ip.empty()) break;
   }
   return identity;

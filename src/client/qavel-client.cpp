@@ -72,7 +72,7 @@ constexpr int kWebPriorityMax = 4;
 // A line of the parts joined, the text built only when the log writes the line.
 template <typename... Parts>
 void logLine(char level, const Parts&... parts) {
-  if (fileLog != nullptr) fileLog->writeJoined(level, parts...);
+  writeJoinedTo(fileLog, level, parts...);
 }
 
 // The end of every path out of the agent. The process ends with _exit, after the log (which
@@ -91,15 +91,22 @@ void (*agentExit)(int status) = endAgent;
 
 namespace {
 
+// The prefixes of the failure lines, one per kind of failure. The double blanks, and the one
+// prefix in capitals, are deliberate: they are the texts the administrators' log filters match.
+const char* const kFileFailure = "NIVO  File exception ";
+const char* const kFileFailureInCallback = "NIVO FILE exception ";
+const char* const kPoolFailure = "NIVO  Pool exception ";
+const char* const kLinkFailure = "NIVO  QAVEL Link exception ";
+const char* const kJsonFailure = "NIVO  JSON exception ";
+
 // A failure caught at the end of main. Before the log exists the line goes to standard error,
 // which is still the terminal or the service manager's journal at that point, so an early failure
 // (a missing configuration file, an unwritable log) is never silent.
 void reportFailure(const char* prefix, const std::exception& failure) {
-  const std::string line = std::string(prefix) + failure.what();
   if (fileLog != nullptr) {
-    fileLog->write(4, line);
+    logLine(4, prefix, failure.what());
   } else {
-    std::cerr << line << std::endl;
+    std::cerr << prefix << failure.what() << std::endl;
   }
 }
 
@@ -314,11 +321,11 @@ int qavelClientMain(int argc, char** argv) {
   try {
     runAgent();
   } catch (const FileException& e) {
-    reportFailure("NIVO  File exception ", e);
+    reportFailure(kFileFailure, e);
   } catch (const PoolThreadServiceException& e) {
-    reportFailure("NIVO  Pool exception ", e);
+    reportFailure(kPoolFailure, e);
   } catch (const WSSEndpointException& e) {
-    reportFailure("NIVO  QAVEL Link exception ", e);
+    reportFailure(kLinkFailure, e);
   } catch (const AgentStopped&) {
     // stopped during start-up; the stop routine has logged it
   }
@@ -402,10 +409,22 @@ void writeLastExecTime() {
 
 namespace {
 
-void answerOrder(QAVEL& qavel, Task& task) {
+// An order answered at once, without a plugin run: it names no known plugin, or cannot be read.
+void answerUnrun(QAVEL& qavel, int identifier, int executionStatus, int returnCode,
+                 std::string output) {
+  Task task(identifier);
+  task.setExecutionStatus(executionStatus);
+  task.setReturn(returnCode);
+  task.setOutput(std::move(output));
   const std::string text = qavel.buildJsonTaskState(task);
   logLine(0, text);
   endpoint->send(text);
+}
+
+// A failure in a callback that the agent cannot go on after: logged, then the stop routine.
+void stopOnFailure(const char* prefix, const std::exception& failure) {
+  logLine(4, prefix, failure.what());
+  HandlerQuit(1);
 }
 
 void dispatchOrder(QAVEL& qavel, int& identifier) {
@@ -422,11 +441,7 @@ void dispatchOrder(QAVEL& qavel, int& identifier) {
   svc->Setname(name);
   if (plugin == pluginPathExec.end()) {
     logLine(2, "EXEC plugin: error plugin not defined");
-    Task task(identifier);
-    task.setExecutionStatus(2);
-    task.setReturn(-1);
-    task.setOutput("EXEC plugin: error plugin not defined " + name);
-    answerOrder(qavel, task);
+    answerUnrun(qavel, identifier, 2, -1, "EXEC plugin: error plugin not defined " + name);
     return;
   }
   svc->Setpath(plugin->second);
@@ -455,20 +470,15 @@ void on_message(std::weak_ptr<void> /*hdl*/, std::string message) {
       try {
         dispatchOrder(qavel, identifier);
       } catch (const Json::LogicError& e) {
-        const std::string text = std::string("NIVO  JSON exception ") + e.what();
+        const std::string text = kJsonFailure + std::string(e.what());
         logLine(4, text);
-        Task task(identifier);
-        task.setExecutionStatus(255);
-        task.setReturn(-2);
-        task.setOutput(text);
-        answerOrder(qavel, task);
+        answerUnrun(qavel, identifier, 255, -2, text);
       }
     }
   } catch (const Json::Exception& e) {
-    logLine(4, std::string("NIVO  JSON exception ") + e.what());
+    logLine(4, kJsonFailure, e.what());
   } catch (const WSSEndpointException& e) {
-    logLine(4, std::string("NIVO  QAVEL Link exception ") + e.what());
-    HandlerQuit(1);
+    stopOnFailure(kLinkFailure, e);
   }
 }
 
@@ -495,13 +505,10 @@ void callbackService(std::shared_ptr<service> svc) {
     endpoint->send(std::move(text));
     writeLastExecTime();
   } catch (const Json::LogicError& e) {
-    logLine(4, std::string("NIVO  JSON exception ") + e.what());
-    HandlerQuit(1);
+    stopOnFailure(kJsonFailure, e);
   } catch (const WSSEndpointException& e) {
-    logLine(4, std::string("NIVO  QAVEL Link exception ") + e.what());
-    HandlerQuit(1);
+    stopOnFailure(kLinkFailure, e);
   } catch (const FileException& e) {
-    logLine(4, std::string("NIVO FILE exception ") + e.what());
-    HandlerQuit(1);
+    stopOnFailure(kFileFailureInCallback, e);
   }
 }

@@ -68,3 +68,9 @@ class logFile {
   std::ofstream stream_;
   std::mutex lock_;
 };
+
+// writeJoined on a log that callers may leave out: a null log writes nothing.
+template <typename... Parts>
+void writeJoinedTo(logFile* log, char level, const Parts&... parts) {
+  if (log != nullptr) log->writeJoined(level, parts...);
+}

@@ -80,7 +80,7 @@ class WSSEndpoint {
   // Trace(level, the parts joined), the text built only when the log writes the line.
   template <typename... Parts>
   void traceJoined(int level, const Parts&... parts) {
-    if (log_ != nullptr) log_->writeJoined(static_cast<char>(level), "ENDPOINT SOCKET: ", parts...);
+    writeJoinedTo(log_, static_cast<char>(level), "ENDPOINT SOCKET: ", parts...);
   }
   // Logs `text` at level 4 and throws it as a WSSEndpointException.
   [[noreturn]] void fail(const std::string& text);

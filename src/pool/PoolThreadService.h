@@ -66,7 +66,7 @@ class PoolThreadService {
   // trace(level, the parts joined), the text built only when the log writes the line.
   template <typename... Parts>
   void traceJoined(int level, const Parts&... parts) {
-    if (log_ != nullptr) log_->writeJoined(static_cast<char>(level), "POOL EXEC: ", parts...);
+    writeJoinedTo(log_, static_cast<char>(level), "POOL EXEC: ", parts...);
   }
 
   std::atomic<short> threadMode_{0};
