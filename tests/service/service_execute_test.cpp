@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "src/service/service.h"
+#include "tests/common/capturedOutput.h"
 #include "tests/common/leftovers.h"
 #include "tests/common/tempDirTest.h"
 #include "tests/service/serviceTestPeer.h"
@@ -312,9 +313,9 @@ TEST_F(ServiceAlerting, ErrorItemsAreReplacedWhole) {
 TEST_F(ServiceAlerting, MissingProgramStillReturnsZero) {
   service s;
   ServiceTestPeer::setAlertingSoftware(s, "/nonexistent/alert");
-  testing::internal::CaptureStdout();
+  CapturedOutput printed(STDOUT_FILENO);
   const int returned = s.executeAlertingSoftware("down");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "No such file or directory\n");
+  EXPECT_EQ(printed.text(), "No such file or directory\n");
   EXPECT_EQ(returned, 0);
   EXPECT_TRUE(noChildLeft());
 }

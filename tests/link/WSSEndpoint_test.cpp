@@ -3,6 +3,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <future>
 
+#include "tests/common/capturedOutput.h"
 #include "tests/link/linkFixture.h"
 
 using EndpointTest = LinkTest;
@@ -107,8 +108,8 @@ TEST_F(EndpointTest, DestructorWithoutConnectionLogsAndReturns) {
 }
 
 TEST_F(EndpointTest, WithoutLogNothingIsWritten) {
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
+  CapturedOutput printed(STDOUT_FILENO);
+  CapturedOutput printedErrors(STDERR_FILENO);
   {
     WSSEndpoint endpoint;
     openLink(endpoint);
@@ -116,7 +117,7 @@ TEST_F(EndpointTest, WithoutLogNothingIsWritten) {
     server_->waitForFrames(1, kWait);
     EXPECT_THROW(endpoint.connect("bad"), WSSEndpointException);
   }
-  EXPECT_EQ(testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(printed.text() + printedErrors.text(), "");
   EXPECT_EQ(logText(), "");
 }
 
