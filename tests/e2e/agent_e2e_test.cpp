@@ -92,27 +92,6 @@ TEST_F(AgentTest, WithoutArgumentsUsesDefaultConfigurationAndLogsFromNotice) {
   EXPECT_EQ(log.find("#INFO#"), std::string::npos) << log;
 }
 
-TEST_F(AgentTest, RegistersIdentityThatIpProgramReports) {
-  const std::optional<Json::Value> interfaces =
-      qavel::parseJsonDocument(runByHand("/usr/sbin/ip -j a").output);
-  ASSERT_TRUE(interfaces && interfaces->isArray());
-  std::string ip;
-  std::string mac;
-  for (const Json::Value& interface : *interfaces) {
-    if (interface["ifname"] == "lo") continue;
-    mac = interface["address"].asString();
-    ip = interface["addr_info"][0]["local"].asString();
-    if (!ip.empty()) break;
-  }
-
-  launch();
-  const auto frames = server_->waitForFrames(1, kWait);
-  ASSERT_FALSE(frames.empty());
-  EXPECT_EQ(frames[0].json["IP"], ip);
-  EXPECT_EQ(frames[0].json["MAC"], mac);
-  EXPECT_EQ(frames[0].json["SN"], "SN-TEST-0001");
-}
-
 TEST_F(AgentTest, StatusRecordAndLastExecutionTimeFollowTheRun) {
   // The stamp is written whole, once per result, with a time no earlier than `since`.
   const auto expectStampSince = [&](std::time_t since) {

@@ -27,9 +27,3 @@ TEST(Task, ExecutionMessageFollowsStatusTable) {
     EXPECT_EQ(task.exec_isSuccess(), status == 0) << status;
   }
 }
-
-TEST(Task, PriorityIsFiveUnlessGiven) {
-  EXPECT_EQ(Task(7).getPriority(), 5);
-  EXPECT_EQ(Task(7, "check_disk", "-w 80").getPriority(), 5);
-  EXPECT_EQ(Task(7, "check_disk", "-w 80", 2).getPriority(), 2);
-}

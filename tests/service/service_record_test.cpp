@@ -29,16 +29,6 @@ TEST(ServiceParameters, SplitOnBlanksWithEitherQuoteAndNoEscape) {
   }
 }
 
-TEST(ServiceCost, IsTruncatedQuotientOfTheInterval) {
-  const std::vector<std::pair<int, float>> cases = {
-      {60, 5000.0f}, {7, 42857.0f}, {0, 0.0f}, {-60, -5000.0f}, {300001, 0.0f}};
-  for (const auto& [interval, cost] : cases) {
-    service s;
-    s.Setinterval_exec_time(interval);
-    EXPECT_EQ(s.GetCost(), cost) << interval;
-  }
-}
-
 TEST(ServiceCopy, CarriesEveryFieldAndNarrowsExecutionTimes) {
   service s;
   s.SetService_id(18446744073709551615ULL);
