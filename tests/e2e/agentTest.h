@@ -24,9 +24,8 @@ namespace agentTest {
 
 using Clock = std::chrono::steady_clock;
 
-// Bounds the waits of a failing test; a passing one goes on as soon as its condition holds. Wide,
-// because a sanitized agent starts and forks slowly.
-constexpr std::chrono::seconds kWait{30};
+// Bounds the waits of a failing test; a passing one goes on as soon as its condition holds.
+inline const std::chrono::seconds kWait = testWait();
 // A lost link that no result reveals is noticed at the agent's next keep-alive ping, 40 s apart.
 constexpr std::chrono::seconds kPingWait{60};
 

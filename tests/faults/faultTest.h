@@ -94,7 +94,7 @@ class FaultTest : public AgentTest {
             progress = Clock::now();
           }
           return seen >= count || !sandbox_->running() ||
-                 Clock::now() - progress > std::chrono::seconds(30);
+                 Clock::now() - progress > kWait;
         },
         std::chrono::hours(1));
     return answers_.size() >= count;
