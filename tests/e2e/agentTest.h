@@ -9,10 +9,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,9 +37,13 @@ const std::string kExitedNormally = "exit status 0";
 const std::vector<std::string> kDebugArguments = {"-D", "-f", "/etc/nivo/qavel.conf"};
 
 // Every "EXEC-RESPONSE" the peer receives, in arrival order. Fed from the peer's frame callback, so
-// that thousands of answers are counted without copying the peer's frame list each time.
+// that thousands of answers are counted without copying the peer's frame list each time. A wait
+// gives up early once the agent has been gone for a second (what it sent has arrived by then).
 class AnswerBook {
  public:
+  // Called on the waiting thread only.
+  void setAgentAlive(std::function<bool()> alive) { alive_ = std::move(alive); }
+
   void record(const qavel::ReceivedFrame& frame) {
     if (!frame.isJson || !frame.json.isObject()) return;
     {
@@ -55,13 +61,13 @@ class AnswerBook {
 
   bool waitForRegister(Clock::duration limit = kWait) {
     std::unique_lock<std::mutex> guard(lock_);
-    return changed_.wait_for(guard, limit, [this] { return registered_; });
+    return waitWhileAlive(guard, limit, [this] { return registered_; });
   }
 
   // The answers, once there are at least `count` of them (fewer after the limit).
   std::vector<Json::Value> wait(std::size_t count, Clock::duration limit = kWait) {
     std::unique_lock<std::mutex> guard(lock_);
-    changed_.wait_for(guard, limit, [&] { return answers_.size() >= count; });
+    waitWhileAlive(guard, limit, [&] { return answers_.size() >= count; });
     return answers_;
   }
 
@@ -74,7 +80,7 @@ class AnswerBook {
       return found;
     };
     std::unique_lock<std::mutex> guard(lock_);
-    changed_.wait_for(guard, limit, [&] { return !mine().empty(); });
+    waitWhileAlive(guard, limit, [&] { return !mine().empty(); });
     return mine();
   }
 
@@ -98,6 +104,20 @@ class AnswerBook {
   }
 
  private:
+  template <typename Done>
+  bool waitWhileAlive(std::unique_lock<std::mutex>& guard, Clock::duration limit, Done done) {
+    const auto deadline = Clock::now() + limit;
+    std::optional<Clock::time_point> gone;
+    while (!done()) {
+      const auto now = Clock::now();
+      if (now >= deadline || (gone && now - *gone > std::chrono::seconds(1))) return false;
+      if (!gone && alive_ && !alive_()) gone = now;
+      changed_.wait_for(guard, std::chrono::milliseconds(100));
+    }
+    return true;
+  }
+
+  std::function<bool()> alive_;
   mutable std::mutex lock_;
   std::condition_variable changed_;
   std::vector<Json::Value> answers_;
@@ -114,6 +134,7 @@ class AgentTest : public ::testing::Test {
     if (geteuid() != 0)
       GTEST_SKIP() << "needs root: each agent runs in a private mount namespace of its own";
     sandbox_ = makeSandbox();
+    answers_.setAgentAlive([this] { return sandbox_ == nullptr || sandbox_->running(); });
   }
 
   void TearDown() override {

@@ -241,10 +241,23 @@ std::string agentSandbox::readFile(const std::string& relative) const {
 bool agentSandbox::waitForLog(const std::string& text, std::chrono::milliseconds timeout) const {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
+    // Looked at before the log is read: an agent found ended has written its last line.
+    const bool over = ended();
     if (log().find(text) != std::string::npos) return true;
-    if (std::chrono::steady_clock::now() >= deadline) return false;
+    if (over || std::chrono::steady_clock::now() >= deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
+}
+
+bool agentSandbox::ended() const {
+  if (exitStatus_) return true;
+  if (pid_ <= 0) return false;
+  siginfo_t info{};
+  // WNOWAIT leaves the agent a zombie for waitExit to reap; si_pid stays 0 while it runs.
+  while (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == -1) {
+    if (errno != EINTR) return false;
+  }
+  return info.si_pid == pid_;
 }
 
 std::string agentSandbox::describeEnd(const std::optional<int>& waitStatus) {

@@ -68,10 +68,13 @@ class agentSandbox {
   std::string log() const { return readFile("agent.log"); }
   std::string output() const { return readFile("agent.out"); }
   std::string errors() const { return readFile("agent.err"); }
-  // True once the log holds `text`; polls until the timeout.
+  // True once the log holds `text`; polls until the timeout, or until the agent has ended without
+  // writing it.
   bool waitForLog(const std::string& text, std::chrono::milliseconds timeout) const;
 
  private:
+  // True once the agent has ended; it is not reaped, so that waitExit still sees its status.
+  bool ended() const;
   void writeConfig();
 
   Paths paths_;
