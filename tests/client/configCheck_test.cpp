@@ -12,7 +12,6 @@
 #include <utility>
 #include <vector>
 
-#include "src/client/qavel-client.h"
 #include "src/common/iniConfig.h"
 #include "tests/common/tempDirTest.h"
 
@@ -192,41 +191,6 @@ TEST_F(ConfigCheckTest, UnusableConfigurationIsOneLine) {
   EXPECT_EQ(configCheck::problems(path("crlf.conf"), fixedFiles()),
             std::vector<std::string>{"configuration " + path("crlf.conf") +
                                      ": CR LF line ends; the agent finds no section in it"});
-}
-
-// The agent's command line, end to end: the long options are served after the whole line is read
-// (a -f after --check-config counts), the exit status says whether anything is wrong, and unknown
-// short options are still passed over.
-TEST_F(ConfigCheckTest, LongOptionsAnswerWithoutStarting) {
-  writeConfig();
-  pathSN = path("sn");
-  writeFile("bad.conf", "[LOG]\n");
-  const std::string good = path("qavel.conf");
-  const std::string bad = path("bad.conf");
-  const struct {
-    std::vector<std::string> arguments;
-    int status;
-    std::string outputStart;
-  } cases[] = {
-      {{"--check-config", "-f", good}, 0, ""},
-      {{"-f", bad, "--check-config"}, 1, "LOG/info is empty"},
-      {{"-x", "--version"}, 0, "qavel-client 1.0\n"},
-      {{"--help", "-D"}, 0, "Usage: qavel-client [-f CONFIG] [-D]\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(::testing::PrintToString(c.arguments));
-    std::vector<std::string> words = {"qavel-client"};
-    words.insert(words.end(), c.arguments.begin(), c.arguments.end());
-    const auto run = [&] {
-      std::vector<char*> argv;
-      for (std::string& word : words) argv.push_back(word.data());
-      argv.push_back(nullptr);
-      if (std::freopen(path("out").c_str(), "w", stdout) == nullptr) std::_Exit(99);
-      qavelClientMain(static_cast<int>(words.size()), argv.data());
-    };
-    EXPECT_EXIT(run(), ::testing::ExitedWithCode(c.status), "");
-    EXPECT_EQ(readFile("out").rfind(c.outputStart, 0), 0u) << readFile("out");
-  }
 }
 
 // The key reader takes the first line of a section that holds the key's text anywhere: in the

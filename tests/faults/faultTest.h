@@ -44,16 +44,6 @@ inline long childProcesses(pid_t pid) {
   return count;
 }
 
-// A self-signed RSA certificate for CN=localhost: <dir>/cert.pem and <dir>/key.pem. RSA, because a
-// client checks an RSA signature with far less work than an ECDSA one, which counts for an agent
-// run under valgrind.
-inline bool makeCertificate(const std::string& dir) {
-  const std::string command =
-      "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=localhost -keyout " + dir +
-      "/key.pem -out " + dir + "/cert.pem >/dev/null 2>&1";
-  return std::system(command.c_str()) == 0;
-}
-
 class FaultTest : public AgentTest {
  protected:
   void SetUp() override {
@@ -93,8 +83,7 @@ class FaultTest : public AgentTest {
             seen = answers_.size();
             progress = Clock::now();
           }
-          return seen >= count || !sandbox_->running() ||
-                 Clock::now() - progress > kWait;
+          return seen >= count || !sandbox_->running() || Clock::now() - progress > kWait;
         },
         std::chrono::hours(1));
     return answers_.size() >= count;
