@@ -234,28 +234,11 @@ TEST_F(AgentTest, SigtermWhileIdentityIsReadEndsStartUpCleanly) {
   EXPECT_FALSE(server_->waitForConnection(std::chrono::milliseconds(0)));
 }
 
-TEST_F(AgentTest, SigtermWhileRegisteringEndsStartUpCleanly) {
-  launch();
-  ASSERT_TRUE(sandbox_->waitForLog("end connect function: ", kWait));
-  sandbox_->signal(SIGTERM);
-  EXPECT_EQ(ending(kStopWait), kExitedNormally);
-  EXPECT_TRUE(logHas(kStopText + "15\n"));
-}
-
 TEST_F(AgentTest, AgentEndsAtNextPingOnceServerClosesLink) {
   ASSERT_TRUE(launchRunning());
   server_->closeLink(1000, "server going away");
   EXPECT_EQ(ending(kPingWait), kExitedNormally);
   EXPECT_TRUE(logHas(kLinkFailure));
-}
-
-TEST_F(AgentTest, EmptyServerUrlIsTakenFromDroppedFile) {
-  startServer();
-  sandbox_->setKey("NIVO", "server_url", "");
-  sandbox_->writeFile("tmp/server_url", serverAddress() + "\nsecond line\n");
-  sandbox_->start();
-  EXPECT_TRUE(server_->waitForConnection(kWait));
-  EXPECT_TRUE(logHas("Server connection wss://" + serverAddress() + ".....\n"));
 }
 
 struct StartupFailure {

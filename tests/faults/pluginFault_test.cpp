@@ -2,9 +2,7 @@
 // and run on, crash, signal their whole process group, or print tens of megabytes. Each holds at
 // most its own worker; every other order is answered, correctly, once; and the agent's memory goes
 // back to its idle size.
-#include <sys/resource.h>
 
-#include "tests/common/leftovers.h"
 #include "tests/faults/faultTest.h"
 
 namespace agentTest {
@@ -106,65 +104,6 @@ TEST_F(PluginFaultTest, LargeOutputIsSentWholeWhileOtherOrdersGoOnAndItsMemoryIs
             << " kB, VmRSS after " << after << " kB" << std::endl;
   EXPECT_TRUE(returned) << "VmRSS stays at " << after << " kB, idle was " << idle << " kB";
 }
-
-// With the production keys set, the plugins that held a worker for ever above are ended with what
-// they started and answered as UNKNOWN, and a large output is cut; an ordinary order is untouched.
-TEST_F(PluginFaultTest, TimeAndOutputLimitsEndHoldersAndCutOutputs) {
-  for (const char* plugin : {"fault_forever", "fault_background", "plugin_big"})
-    addPlugin(plugin, std::string(plugin) + ".sh");
-  sandbox_->setKey("NIVO", "plugin_timeout", "1");
-  sandbox_->setKey("NIVO", "max_output", "1000");
-  ASSERT_TRUE(launchAndWarmUp());
-
-  server_->sendExec(1, "fault_forever", marker("forever"), 5);
-  server_->sendExec(2, "fault_background", marker("background") + " " + marker("never"), 1);
-  server_->sendExec(3, "plugin_big", "100000", 5);
-  sendOrdinaryOrders(100, 4);
-  const std::string timedOut = "UNKNOWN: plugin timed out after 1 seconds\n";
-  EXPECT_EQ(answers_.to(1), once(qavel::execResponse(0, 1, timedOut, 3)));
-  EXPECT_EQ(answers_.to(2), once(qavel::execResponse(0, 2, timedOut, 3)));
-  EXPECT_EQ(answers_.to(3),
-            once(qavel::execResponse(
-                0, 3, bigOutput(1000) + "\n[output truncated after 1000 bytes]\n", 0)));
-  ASSERT_EQ(answers_.wait(1 + 3 + 4).size(), 1u + 3 + 4);
-  expectOrdinaryAnswers(100, 4);
-  EXPECT_TRUE(eventually([&] { return childProcesses(sandbox_->pid()) == 0; }));
-  EXPECT_TRUE(eventually([&] { return processesMentioning(sandbox_->dir()) == 0; }))
-      << "a plugin outlived its time limit";
-}
-
-// Every descriptor taken: no pipe can be made for three attempts running. The result is then sent
-// as the agent has always sent it, OK with nothing, unless unknown_on_failure says otherwise.
-class DescriptorExhaustionTest : public PluginFaultTest,
-                                 public ::testing::WithParamInterface<bool> {};
-
-TEST_P(DescriptorExhaustionTest, FailedRunsAreUnknownOnlyWhenAsked) {
-  // UBSan checks each polymorphic object through a pipe of its own, which cannot be had here.
-  if (kSanitized) GTEST_SKIP() << "a sanitized agent needs descriptors of its own";
-  const bool unknownOnFailure = GetParam();
-  if (unknownOnFailure) sandbox_->setKey("NIVO", "unknown_on_failure", "1");
-  ASSERT_TRUE(launchAndWarmUp());
-  const pid_t agent = sandbox_->pid();
-  rlimit previous{};
-  ASSERT_EQ(prlimit(agent, RLIMIT_NOFILE, nullptr, &previous), 0);
-  rlimit none = previous;
-  none.rlim_cur = static_cast<rlim_t>(openDescriptors(agent));
-  ASSERT_EQ(prlimit(agent, RLIMIT_NOFILE, &none, nullptr), 0);
-
-  server_->sendExec(1, "plugin_exit", "never-run", 5);
-  const std::vector<Json::Value> got = answers_.to(1);
-  prlimit(agent, RLIMIT_NOFILE, &previous, nullptr);
-  const std::string failure =
-      "Error open pipe plugin_exit\npath:" + sandbox_->path("plugins/plugin_exit") +
-      " never-runToo many open files";
-  EXPECT_EQ(got, once(unknownOnFailure ? qavel::execResponse(0, 1, failure, 3)
-                                       : qavel::execResponse(0, 1, "", 0)));
-}
-
-INSTANTIATE_TEST_SUITE_P(Keys, DescriptorExhaustionTest, ::testing::Bool(),
-                         [](const ::testing::TestParamInfo<bool>& info) {
-                           return info.param ? "UnknownOnFailure" : "Default";
-                         });
 
 }  // namespace
 }  // namespace agentTest
