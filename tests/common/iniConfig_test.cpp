@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 
 #include "tests/common/tempDirTest.h"
@@ -28,6 +29,10 @@ TEST_F(IniConfigTest, GetKeyReturnsRawTextAfterEqualsOfFirstLineHoldingTheKey) {
     writeFile("agent.conf", c.content);
     EXPECT_EQ(ini.getKey(c.section, c.key), c.value) << c.content;
   }
+  // A whole section: its header and a line without "=" are keys with empty values.
+  writeFile("agent.conf", "[S]\nbare\nk=v\n");
+  EXPECT_EQ(ini.getSection("S"),
+            (std::map<std::string, std::string>{{"[S]", ""}, {"bare", ""}, {"k", "v"}}));
 }
 
 TEST_F(IniConfigTest, KeyToIntReadsLeadingNumber) {

@@ -118,6 +118,7 @@ TEST_F(AgentTest, OrdersThatCannotRunAreAnsweredAtOnceAndOtherFramesIgnored) {
   EXPECT_EQ(server_->waitForFrames(0, std::chrono::milliseconds(0)).size(), 1 + count)
       << "anything beyond REGISTER and the answers";
   EXPECT_TRUE(logHas("Receive message this is not json"));
+  EXPECT_TRUE(logHas("#NOTICE#EXEC plugin: error plugin not defined\n"));
 }
 
 TEST_F(AgentTest, SlowWebOrderDoesNotHoldBackPriorityFiveOrder) {
