@@ -76,6 +76,8 @@ TEST_F(LogFileTest, MissingDirectoryFailsConstruction) {
   const std::string missing = path("none/agent.log");
   EXPECT_EQ(thrownText<FileException>([&] { logFile log(missing); }),
             "error open file: " + missing);
+  EXPECT_EQ(thrownText<FileException>([&] { logFile log(char{0}, missing); }),
+            "error open file: " + missing);
   EXPECT_FALSE(std::filesystem::exists(path("none")));
 }
 

@@ -1,0 +1,54 @@
+#include "src/client/qavel-client.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "tests/common/tempDirTest.h"
+
+namespace {
+
+class LastExecFileTest : public TempDirTest {
+ protected:
+  void SetUp() override {
+    TempDirTest::SetUp();
+    log_ = std::make_unique<logFile>(char{0}, path("agent.log"));
+    fileLog = log_.get();
+  }
+  void TearDown() override {
+    fileLog = nullptr;
+    TempDirTest::TearDown();
+  }
+  std::unique_ptr<logFile> log_;
+};
+
+// A full disk loses the stamp, not the result: the failure is logged and nothing is thrown. A file
+// that cannot be opened throws (a pointer, as ever), and the next result writes the stamp again
+// even within the same second.
+TEST_F(LastExecFileTest, FailuresAreLoggedOrThrownAndTheNextResultWritesAgain) {
+  pathLastExecFile = "/dev/full";
+  writeLastExecTime();
+  EXPECT_NE(readFile("agent.log").find("#ERRORS#Error writing file: /dev/full: No space left on "
+                                       "device\n"),
+            std::string::npos);
+
+  pathLastExecFile = path("lastexec");
+  writeLastExecTime();
+  const std::string stamp = readFile("lastexec");
+  EXPECT_EQ(stamp.back(), '\n');
+  writeFile("lastexec", "");
+  pathLastExecFile = path("none/lastexec");
+  try {
+    writeLastExecTime();
+    ADD_FAILURE() << "nothing thrown";
+  } catch (FileException* e) {
+    EXPECT_STREQ(e->what(), ("Error opening file: " + pathLastExecFile).c_str());
+    delete e;
+  }
+  pathLastExecFile = path("lastexec");
+  writeLastExecTime();
+  EXPECT_FALSE(readFile("lastexec").empty());
+}
+
+}  // namespace
