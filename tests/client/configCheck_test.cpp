@@ -101,6 +101,11 @@ TEST_F(ConfigCheckTest, EachFaultIsOneLineNamingItsKeyOrFile) {
     std::string lineStart;  // of the one line expected
   } cases[] = {
       {"nothing", [] {}, ""},
+      {"files the agent writes already there",
+       [this] {
+         for (const char* name : {"log/status", "log/agent.log", "log/lastexec"}) writeFile(name, "");
+       },
+       ""},
       {"no serial number", [this] { std::remove(path("sn").c_str()); },
        "serial number file: cannot read "},
       {"empty serial number", [this] { writeFile("sn", "\nSN\n"); },

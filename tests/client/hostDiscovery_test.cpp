@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "src/common/logFile.h"
+#include "src/service/service.h"
 #include "tests/common/tempDirTest.h"
 
 namespace {
@@ -65,6 +66,13 @@ TEST_F(HostDiscoveryFiles, ServerUrlIsTheKeyAsWrittenElseTheDroppedAddressOverWs
   EXPECT_EQ(serverUrl("", path("server_url").c_str(), nullptr), "wss://monitor.example:8443");
   EXPECT_EQ(readPluginList(path("server_url")),
             (std::vector<std::string>{"monitor.example:8443", "ignored"}));
+}
+
+// The ip program's failure is what an administrator reads on the way out: it names the program.
+TEST(HostIdentity, IpProgramEndedBySignalIsNamedInTheFailure) {
+  const std::string killed = NIVO_TEST_PLUGIN_DIR "/plugin_kill.sh";
+  EXPECT_EQ(thrownText<serviceException>([&] { findIdentity(killed, nullptr); }),
+            "Error: orva can't execute ip command\npath:" + killed + " -j a-j\n");  // what it printed follows
 }
 
 }  // namespace
