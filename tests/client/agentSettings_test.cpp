@@ -21,38 +21,6 @@ class AgentSettingsTest : public TempDirTest {
   std::vector<std::string> problems_;
 };
 
-TEST_F(AgentSettingsTest, WholeNumbersInRangeAreTakenAndAnythingElseIsNamedAndIgnored) {
-  struct Case {
-    std::string line;
-    int pluginTimeout;
-    int pongTimeout;
-    std::string problem;  // "" when none
-  };
-  const std::vector<Case> cases = {
-      {"", 0, 30, ""},
-      {"plugin_timeout=60\n", 60, 30, ""},
-      {"plugin_timeout=86400\n", 86400, 30, ""},
-      {"plugin_timeout=86401\n", 0, 30,
-       "NIVO/plugin_timeout: '86401' is not a whole number from 0 to 86400; the key is ignored"},
-      {"plugin_timeout=6O\n", 0, 30, "NIVO/plugin_timeout: '6O' is not"},
-      {"plugin_timeout=-1\n", 0, 30, "NIVO/plugin_timeout: '-1' is not"},
-      {"plugin_timeout= 5\n", 0, 30, "NIVO/plugin_timeout: ' 5' is not"},
-      {"pong_timeout=0\n", 0, 0, ""},
-      {"pong_timeout=x\n", 0, 30, "NIVO/pong_timeout: 'x' is not"},
-  };
-  for (const Case& c : cases) {
-    const AgentSettings settings = read(c.line);
-    EXPECT_EQ(settings.pluginTimeout, c.pluginTimeout) << c.line;
-    EXPECT_EQ(settings.pongTimeout, c.pongTimeout) << c.line;
-    if (c.problem.empty()) {
-      EXPECT_TRUE(problems_.empty()) << c.line;
-    } else {
-      ASSERT_EQ(problems_.size(), 1u) << c.line;
-      EXPECT_EQ(problems_[0].rfind(c.problem, 0), 0u) << problems_[0];
-    }
-  }
-}
-
 TEST_F(AgentSettingsTest, FlagsAreZeroOrOneAndAKeyFileMustBeReadable) {
   writeFile("agent.key", "key");
   AgentSettings settings = read("unknown_on_failure=1\nmax_output=65536\n",

@@ -2,21 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cfloat>
 #include <climits>
 
 namespace {
-
-// stringToInt is proven through iniConfig::getKeyToInt.
-TEST(ConvertToTest, ReadsLeadingNumberAndSaturates) {
-  EXPECT_EQ(stringToUnsignedInt("99999999999"), UINT_MAX);
-  EXPECT_EQ(stringToLong("-99999999999999999999"), LONG_MIN);
-  EXPECT_EQ(stringToLongInt("99999999999999999999"), LONG_MAX);
-  EXPECT_EQ(stringToLongLongInt("-99999999999999999999"), LLONG_MIN);
-  EXPECT_EQ(stringToDouble(" 2.5kg"), 2.5);
-  EXPECT_EQ(stringToDouble("1e999"), DBL_MAX);
-  EXPECT_EQ(stringToDouble("kg"), 0.0);
-}
 
 TEST(ConvertToTest, WritesDefaultStreamFormat) {
   EXPECT_EQ(doubleToString(1234567.0), "1.23457e+06");

@@ -35,21 +35,4 @@ TEST_F(IniConfigTest, GetKeyReturnsRawTextAfterEqualsOfFirstLineHoldingTheKey) {
             (std::map<std::string, std::string>{{"[S]", ""}, {"bare", ""}, {"k", "v"}}));
 }
 
-TEST_F(IniConfigTest, KeyToIntReadsLeadingNumber) {
-  writeFile("agent.conf", "[S]\none=12abc\ntwo=abc\nneg= -7\n");
-  iniConfig ini(path("agent.conf"));
-  EXPECT_EQ(ini.getKeyToInt("S", "one"), 12);
-  EXPECT_EQ(ini.getKeyToInt("S", "two"), 0);
-  EXPECT_EQ(ini.getKeyToInt("S", "neg"), -7);
-}
-
-TEST_F(IniConfigTest, MissingFileErrorTextsDiffer) {
-  const std::string missing = path("none.conf");
-  iniConfig ini(missing);
-  EXPECT_EQ(thrownText<FileException>([&] { ini.getKey("S", "k"); }),
-            "error can't open file: " + missing);
-  EXPECT_EQ(thrownText<FileException>([&] { ini.getSection("S"); }),
-            "error can't open file " + missing);
-}
-
 }  // namespace
