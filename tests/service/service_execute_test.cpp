@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -53,6 +54,14 @@ std::string description(const std::string& path, const std::string& parameter) {
 
 long openDescriptorCount() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+// Of this process's address space, as /proc shows it.
+long mappedKb() {
+  std::ifstream status("/proc/self/status");
+  for (std::string field; status >> field;)
+    if (field == "VmSize:" && status >> field) return std::stol(field);
+  return -1;
 }
 
 bool noChildLeft() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
@@ -118,6 +127,10 @@ TEST(ServiceExecute, ManyRunsFromThreadsLeaveNoDescriptorAndNoChild) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(openDescriptorCount(), before);
   EXPECT_TRUE(noChildLeft());
+  // A start's stack is kept for the next one, not mapped anew each time.
+  const long mapped = mappedKb();
+  for (int i = 0; i < 300; ++i) run(plugin("plugin_exit.sh"), "ok 0");
+  EXPECT_LT(mappedKb() - mapped, 4096);
 }
 
 using ServiceLimits = TempDirTest;
@@ -157,6 +170,8 @@ TEST(ServiceExecute, OutputOverItsLimitIsCutAtACharacterAndSaysSo) {
   EXPECT_EQ(run(plugin("plugin_bytes.sh"), "ab\\303\\251cd", limited(3)).out,
             "ab\n[output truncated after 3 bytes]\n");
   EXPECT_EQ(run(plugin("plugin_bytes.sh"), "abc", limited(3)).out, "abc");
+  EXPECT_EQ(run(plugin("plugin_bytes.sh"), "\\303\\251", limited(1)).out,
+            "[output truncated after 1 bytes]\n");
 }
 
 using ServiceAlerting = TempDirTest;
