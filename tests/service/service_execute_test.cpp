@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -155,6 +156,18 @@ TEST_F(ServiceLimits, PluginOverItsTimeLimitIsEndedWithWhatItStartedAndReportedU
     EXPECT_TRUE(noChildLeft()) << program;
     EXPECT_EQ(processesMentioning(never), 0) << program;
   }
+  // One that closes its output and ends later, within its limit, is waited for.
+  std::thread releaser([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    writeFile("release", "");
+  });
+  RunLimits generous;
+  generous.timeoutSeconds = 60;
+  const Outcome late =
+      run(plugin("fault_close_stdout.sh"), path("late") + " " + path("release"), generous);
+  releaser.join();
+  EXPECT_EQ(late.returned, 2);
+  EXPECT_EQ(late.out, "early\n");
 }
 
 TEST(ServiceExecute, OutputOverItsLimitIsCutAtACharacterAndSaysSo) {
