@@ -1,8 +1,8 @@
 // A frame from the server is untrusted: the link does not verify who is at the other end. Whatever
 // it holds, on_message must not crash and must do at most one thing: hand one order to one pool,
 // send one answer, or end the process with status 0. An answer is one strict JSON "EXEC-RESPONSE"
-// of valid text; a queued order runs a catalogued plugin; a frame that does not name an order
-// leads to nothing sent and nothing queued. Recorders stand in for the pools, the link and the exit.
+// of valid text; a queued order runs a catalogued plugin; a frame that does not name an order leads
+// to nothing sent and nothing queued. Recorders stand in for the pools, the link and the exit.
 #include <json/json.h>
 #include <utf8.h>
 

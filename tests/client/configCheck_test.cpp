@@ -103,7 +103,8 @@ TEST_F(ConfigCheckTest, EachFaultIsOneLineNamingItsKeyOrFile) {
       {"nothing", [] {}, ""},
       {"files the agent writes already there",
        [this] {
-         for (const char* name : {"log/status", "log/agent.log", "log/lastexec"}) writeFile(name, "");
+         for (const char* name : {"log/status", "log/agent.log", "log/lastexec"})
+           writeFile(name, "");
        },
        ""},
       {"no serial number", [this] { std::remove(path("sn").c_str()); },

@@ -29,9 +29,8 @@ class LastExecFileTest : public TempDirTest {
 TEST_F(LastExecFileTest, FailuresAreLoggedOrThrownAndTheNextResultWritesAgain) {
   pathLastExecFile = "/dev/full";
   writeLastExecTime();
-  EXPECT_NE(readFile("agent.log").find("#ERRORS#Error writing file: /dev/full: No space left on "
-                                       "device\n"),
-            std::string::npos);
+  const std::string failure = "#ERRORS#Error writing file: /dev/full: No space left on device\n";
+  EXPECT_NE(readFile("agent.log").find(failure), std::string::npos);
 
   pathLastExecFile = path("lastexec");
   writeLastExecTime();

@@ -53,8 +53,8 @@ void PrintTo(const TrustCase& trust, std::ostream* out) { *out << trust.name; }
 
 class ServerTrustTest : public FaultTest, public ::testing::WithParamInterface<TrustCase> {};
 
-// With SSL/verify_server=1, a server it cannot verify ends the agent like any failed connect, having
-// said why, and the server never hears from it. A CA file it cannot read ends it at once.
+// With SSL/verify_server=1, a server it cannot verify ends the agent like any failed connect,
+// having said why, and the server never hears from it. A CA file it cannot read ends it at once.
 TEST_P(ServerTrustTest, AgentTalksOnlyToTheServerItTrusts) {
   const TrustCase& trust = GetParam();
   Certificates pki(sandbox_->dir());
