@@ -13,8 +13,6 @@ class ServiceTestPeer {
     s.execTimeSec_ = seconds;
     s.execTimeuSec_ = microseconds;
   }
-  static std::int64_t storedExecTimeSec(const service& s) { return s.execTimeSec_; }
-  static std::int64_t storedExecTimeuSec(const service& s) { return s.execTimeuSec_; }
   static void setAlertingSoftware(service& s, std::string path) {
     s.alertingSoftware_ = std::move(path);
   }
