@@ -1,5 +1,7 @@
 #include "src/common/logFile.h"
 
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <utility>
@@ -63,6 +65,14 @@ std::string logFile::getDirectory() const { return path_.substr(0, path_.rfind('
 void logFile::open() {
   stream_.open(path_, std::ios::in | std::ios::app);
   if (!stream_.is_open()) throw FileException("error open file: " + path_);
+}
+
+std::string logFile::reopen() {
+  std::ofstream fresh(path_, std::ios::in | std::ios::app);
+  if (!fresh.is_open()) return std::strerror(errno);
+  const std::lock_guard<std::mutex> guard(lock_);
+  stream_.swap(fresh);
+  return "";  // the old stream, flushed line by line, closes with `fresh`
 }
 
 void logFile::reopenIfClosed() {

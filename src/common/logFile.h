@@ -47,6 +47,13 @@ class logFile {
     write(level, std::move(message));
   }
 
+  // Opens the file at its path again and writes on there, so that a log moved away by rotation is
+  // followed by a new one. When the path cannot be opened the file open so far is kept, and the
+  // system's reason is returned; "" on success.
+  std::string reopen();
+
+  const std::string& path() const { return path_; }
+
   // Size of the file on disk; throws std::filesystem::filesystem_error when it is gone.
   std::uint64_t size();
   // From the last "/" to the end, the "/" included; std::out_of_range without a "/".
