@@ -16,10 +16,18 @@ namespace {
 std::atomic<int> readEnd{-1};
 std::atomic<int> writeEnd{-1};
 std::atomic<int> pending{0};
+std::atomic<bool> reloadPending{false};
 
 extern "C" void recordSignal(int signo) {
   const int savedErrno = errno;
   pending.store(signo);
+  wake();
+  errno = savedErrno;
+}
+
+extern "C" void recordReload(int /*signo*/) {
+  const int savedErrno = errno;
+  reloadPending.store(true);
   wake();
   errno = savedErrno;
 }
@@ -35,19 +43,27 @@ void drain() {
   }
 }
 
+void createPipe() {
+  if (readEnd.load() >= 0) return;
+  int fds[2];
+  // Close-on-exec so plugins never inherit it; non-blocking so a burst of wake-ups can never
+  // block a writer in signal context once the pipe is full.
+  if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0) {
+    readEnd.store(fds[0]);
+    writeEnd.store(fds[1]);
+  }
+}
+
 }  // namespace
 
 void arm(int signo) {
-  if (readEnd.load() < 0) {
-    int fds[2];
-    // Close-on-exec so plugins never inherit it; non-blocking so a burst of wake-ups can never
-    // block a writer in signal context once the pipe is full.
-    if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0) {
-      readEnd.store(fds[0]);
-      writeEnd.store(fds[1]);
-    }
-  }
+  createPipe();
   signal(signo, recordSignal);
+}
+
+void armReload(int signo) {
+  createPipe();
+  signal(signo, recordReload);
 }
 
 bool sleepFor(std::chrono::milliseconds duration) {
@@ -77,6 +93,8 @@ bool sleepFor(std::chrono::milliseconds duration) {
 }
 
 int takePending() { return pending.exchange(0); }
+
+bool takeReload() { return reloadPending.exchange(false); }
 
 void wake() {
   const int fd = writeEnd.load();
