@@ -80,6 +80,8 @@ service::service(const service& other) {
   service_idStr_ = other.GetService_idStr();
   stdout_ = other.GetStdout();
   limits_ = other.limits_;
+  runOutcome_ = other.runOutcome_;
+  runDuration_ = other.runDuration_;
 }
 
 service::~service() = default;
@@ -141,6 +143,8 @@ timeval service::GetMaintenanceStart() const { return maintenanceStart_; }
 timeval service::GetMaintenanceEnd() const { return maintenanceEnd_; }
 int service::GetMaintenancePlannedID() const { return maintenancePlannedID_; }
 float service::GetCost() const { return cost_; }
+RunOutcome service::GetRunOutcome() const { return runOutcome_; }
+std::chrono::nanoseconds service::GetRunDuration() const { return runDuration_; }
 
 std::string service::description() const { return name_ + "\npath:" + path_ + " " + parameter_; }
 
@@ -149,6 +153,7 @@ std::string service::failureText(const char* prefix, int error) const {
 }
 
 void service::fail(const char* prefix, int error) {
+  runOutcome_ = RunOutcome::Failed;
   const std::string text = failureText(prefix, error);
   if (limits_.unknownOnFailure) {
     returnCode_ = 3;
@@ -201,7 +206,27 @@ std::string service::readOutput(int fd, pid_t group, const Deadline& deadline, b
   return output;
 }
 
+namespace {
+
+// Stores the time from its construction to its end, however the run ends (a failure throws).
+class RunTimer {
+ public:
+  explicit RunTimer(std::chrono::nanoseconds& duration)
+      : duration_(duration), start_(std::chrono::steady_clock::now()) {}
+  RunTimer(const RunTimer&) = delete;
+  RunTimer& operator=(const RunTimer&) = delete;
+  ~RunTimer() { duration_ = std::chrono::steady_clock::now() - start_; }
+
+ private:
+  std::chrono::nanoseconds& duration_;
+  const std::chrono::steady_clock::time_point start_;
+};
+
+}  // namespace
+
 int service::execute() {
+  const RunTimer timer(runDuration_);
+  runOutcome_ = RunOutcome::Completed;  // unless it times out or fails below
   stdout_.clear();
 
   int ends[2];
@@ -242,6 +267,7 @@ int service::execute() {
   if (timedOut) {
     if (waited == 0 && child.wait(&status, Deadline(kGraceSeconds)) == 0) ::kill(-pid, SIGKILL);
     // No retry: a plugin that hangs would hang again. The child's owner reaps it on the way out.
+    runOutcome_ = RunOutcome::TimedOut;
     returnCode_ = 3;
     stdout_ =
         "UNKNOWN: plugin timed out after " + std::to_string(limits_.timeoutSeconds) + " seconds\n";

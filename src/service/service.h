@@ -6,6 +6,7 @@
 #include <sys/time.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -31,6 +32,14 @@ struct RunLimits {
   // A failure of the agent itself (pipe, start, read, wait) leaves return code 3 and its text as
   // the output, so that it can never be reported as OK.
   bool unknownOnFailure = false;
+};
+
+// How the last run of execute() ended.
+enum class RunOutcome {
+  NotRun,
+  Completed,  // the plugin ran and ended: its return code tells the state
+  TimedOut,   // ended by the time limit
+  Failed,     // the agent could not start, read or wait for it
 };
 
 class service {
@@ -81,6 +90,9 @@ class service {
   timeval GetMaintenanceEnd() const;
   int GetMaintenancePlannedID() const;
   float GetCost() const;
+  RunOutcome GetRunOutcome() const;
+  // From the start of the last run of execute() to its end.
+  std::chrono::nanoseconds GetRunDuration() const;
 
   // Runs the plugin once (fork/execve, empty environment, output on a pipe) and returns the code
   // 0..5; throws serviceException with the service named in the message on failure.
@@ -135,4 +147,6 @@ class service {
   std::int32_t maintenancePlannedID_ = 0;
   float cost_ = 1.0f;
   RunLimits limits_;
+  RunOutcome runOutcome_ = RunOutcome::NotRun;
+  std::chrono::nanoseconds runDuration_{0};
 };
