@@ -73,7 +73,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   webPool = pools[0];
   monitorPool = pools[1];
   agentExit = recordExit;
-  pluginPathExec = kCatalogue;
+  OrderSettings settings;
+  settings.pluginPathExec = kCatalogue;
+  publishOrderSettings(std::move(settings));
   return 0;
 }
 

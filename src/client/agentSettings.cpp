@@ -66,6 +66,8 @@ constexpr unsigned long long kMaxOutput = 1ULL << 30;
 AgentSettings readAgentSettings(iniConfig& config, std::vector<std::string>& problems) {
   KeyReader keys(config, problems);
   AgentSettings settings;
+  // Where it cannot be written is found, and said, when it is written: the agent runs on.
+  settings.metricsFile = config.getKey("LOG", "metrics_file");
   settings.verifyServer = keys.flag("SSL", "verify_server");
   settings.clientKey = keys.file("SSL", "client_key");
   settings.pluginTimeout = static_cast<int>(keys.count("NIVO", "plugin_timeout", kMaxSeconds));

@@ -1,5 +1,6 @@
-// The agent's opt-in production keys. Each is read once at start-up; absent, empty or 0 means off,
-// and the agent then behaves as it always has. A value that is not a number leaves its key off; a
+// The agent's opt-in production keys. Each is read at start-up, and again by a reload for those a
+// running agent can take up; absent, empty or 0 means off, and the agent then behaves as it always
+// has. A value that is not a number leaves its key off; a
 // key file that cannot be read is kept, so that the link refuses to start without it. Either is
 // reported as one line naming the key, which the agent logs at WARNING level and `--check-config`
 // prints.
@@ -12,6 +13,8 @@
 class iniConfig;
 
 struct AgentSettings {
+  // [LOG]
+  std::string metricsFile;  // metrics_file: the agent's own metrics, Prometheus text format
   // [SSL]
   bool verifyServer = false;  // verify_server: check the server's chain and host name
   std::string clientKey;      // client_key: with local_cert, present a client certificate

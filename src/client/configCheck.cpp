@@ -304,6 +304,8 @@ class Checker {
 
 }  // namespace
 
+const char* version() { return NIVO_VERSION; }
+
 std::vector<std::string> problems(const std::string& configPath, const FixedFiles& fixed) {
   return Checker(configPath, fixed).run();
 }
@@ -315,7 +317,7 @@ int answer(Request what, const std::string& configPath, const FixedFiles& fixed,
       out << kHelpText << std::flush;
       return 0;
     case kVersion:
-      out << "qavel-client " NIVO_VERSION << std::endl;
+      out << "qavel-client " << version() << std::endl;
       return 0;
     case kCheckConfig: {
       const std::vector<std::string> found = problems(configPath, fixed);

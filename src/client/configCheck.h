@@ -26,6 +26,9 @@ struct FixedFiles {
   std::string serverUrl;     // first line: host:port, read when server_url is empty
 };
 
+// The agent's version, as --version shows it.
+const char* version();
+
 // Every problem of the configuration at `configPath` and of the files it names, one line each;
 // empty when nothing is wrong. Read and write permissions are those of the calling user.
 std::vector<std::string> problems(const std::string& configPath, const FixedFiles& fixed);

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <string>
@@ -20,10 +21,13 @@
 
 #include "src/client/configCheck.h"
 #include "src/client/hostDiscovery.h"
+#include "src/client/liveConfig.h"
+#include "src/client/metricsFile.h"
 #include "src/client/statusFile.h"
 #include "src/client/stopSignal.h"
 #include "src/common/iniConfig.h"
 #include "src/common/uniqueFd.h"
+#include "src/common/wholeFile.h"
 #include "src/link/qavel.h"
 #include "src/link/task.h"
 
@@ -33,7 +37,6 @@ std::string pathLastExecFile = "/tmp/nivo/lastexec";
 std::string NIVO_SN;
 std::string cafile;
 std::string keyfile;
-std::map<std::string, std::string> pluginPathExec;
 int debug = 0;
 std::atomic<int> die_orva{0};
 logFile* fileLog = nullptr;
@@ -63,8 +66,23 @@ struct AgentStopped {};
 std::mutex poolsLock;
 std::condition_variable poolsPublished;
 
-// The bounds of every plugin run that an order asks for; set once at start-up.
-RunLimits pluginRunLimits;
+// The order settings in use, read and replaced through the atomic shared_ptr functions: an order
+// arriving on the network thread while the main thread serves a reload gets the old settings or
+// the new, whole.
+std::shared_ptr<const OrderSettings> orderSettings = std::make_shared<const OrderSettings>();
+
+// The agent's own counters, from the start of the process.
+agentMetrics metrics(configCheck::version(), std::chrono::system_clock::now());
+// True once the server has accepted the registration.
+std::atomic<bool> registered{false};
+// Made when a metrics file is first asked for; never freed (the process ends with _exit).
+std::atomic<metricsFile*> metricsWriter{nullptr};
+// Seconds between two writes of the metrics file: a reader sees figures at most this old, plus the
+// time of a write.
+constexpr auto kMetricsInterval = std::chrono::seconds(10);
+
+// The configuration in use, for a reload to compare with; main thread only.
+LiveConfig liveConfig;
 
 // Order of priority up to this value go to the web pool, the others to the monitor pool.
 constexpr int kWebPriorityMax = 4;
@@ -80,6 +98,8 @@ void logLine(char level, const Parts&... parts) {
 // a plugin, and running the static destructors under it, or freeing the log it writes to, would
 // crash the process on its way out. The operating system reclaims the rest.
 [[noreturn]] void endAgent(int status) {
+  // The last figures, with the link down, for whoever reads them after the agent is gone.
+  if (metricsFile* const writer = metricsWriter.load()) writer->finish();
   std::cout.flush();
   std::fflush(nullptr);
   _exit(status);
@@ -204,9 +224,108 @@ void parseCommandLine(int argc, char** argv) {
 void readSettings(iniConfig& config) {
   std::vector<std::string> problems;
   agentSettings = readAgentSettings(config, problems);
-  pluginRunLimits = {agentSettings.pluginTimeout, agentSettings.maxOutput,
-                     agentSettings.unknownOnFailure};
   for (const std::string& problem : problems) fileLog->write(3, "NIVO configuration: " + problem);
+}
+
+RunLimits runLimits(const AgentSettings& settings) {
+  return {settings.pluginTimeout, settings.maxOutput, settings.unknownOnFailure};
+}
+
+AgentGauges::Pool poolGauges(PoolThreadService* pool) {
+  AgentGauges::Pool gauges;
+  if (pool != nullptr) {
+    gauges.waiting = pool->getSizeofExecuteQueue();
+    gauges.workers = pool->getSizePool();
+  }
+  return gauges;
+}
+
+std::string renderMetrics(bool final) {
+  AgentGauges gauges;
+  // `registered` is set on the network thread after the endpoint was made: endpoint is safe to
+  // read once it is seen.
+  gauges.linkUp =
+      !final && registered.load() && endpoint->linkState() == WSSEndpoint::LinkState::Open;
+  PoolThreadService* monitor;
+  PoolThreadService* web;
+  {
+    std::lock_guard<std::mutex> guard(poolsLock);
+    monitor = monitorPool;
+    web = webPool;
+  }
+  gauges.web = poolGauges(web);
+  gauges.monitor = poolGauges(monitor);
+  for (const auto& plugin : currentOrderSettings()->pluginPathExec)
+    gauges.plugins.push_back(plugin.first);
+  return metrics.exposition(gauges);
+}
+
+// Writes the metrics file at `path` from now on; "" stops it. The writer's thread is started by
+// the first path, so an agent without metrics has no thread for them.
+void useMetricsFile(const std::string& path) {
+  metricsFile* writer = metricsWriter.load();
+  if (writer == nullptr) {
+    if (path.empty()) return;
+    writer = new metricsFile(fileLog, renderMetrics, kMetricsInterval);
+    metricsWriter.store(writer);
+  }
+  writer->setPath(path);
+}
+
+// The reload was not taken up: one line why, and the configuration in use stays as it is.
+void refuseReload(const std::string& why) {
+  logLine(3, "NIVO reload refused, the configuration in use is kept: ", why);
+  metrics.countReload(false);
+}
+
+// Reads the configuration again and takes up what a running agent can: the plugin catalogue, the
+// bounds of a run, the pools' bound, the metrics file. The log is reopened first, whatever the
+// configuration says, so that a rotation never depends on it. The link is left as it is.
+void reload() {
+  if (const std::string failure = fileLog->reopen(); !failure.empty())
+    logLine(3, "NIVO reload: cannot reopen the log file ", fileLog->path(), ": ", failure,
+            "; it is written on where it was");
+  LiveConfig next;
+  std::vector<std::string> problems;
+  try {
+    iniConfig config(pathToConfigFile);
+    next = readLiveConfig(config, pathSN, problems);
+  } catch (const FileException& e) {
+    return refuseReload(e.what());
+  } catch (const std::filesystem::filesystem_error& e) {
+    return refuseReload(e.what());
+  }
+  if (!problems.empty()) {
+    std::string why;
+    for (const std::string& problem : problems) why += (why.empty() ? "" : "; ") + problem;
+    return refuseReload(why);
+  }
+
+  OrderSettings orders;
+  orders.pluginPathExec = next.catalogue;
+  orders.limits = runLimits(next.settings);
+  publishOrderSettings(std::move(orders));
+  {
+    std::lock_guard<std::mutex> guard(poolsLock);
+    for (PoolThreadService* pool : {monitorPool, webPool})
+      if (pool != nullptr) pool->setMaxWorkers(next.settings.maxWorkers);
+  }
+  useMetricsFile(next.settings.metricsFile);
+
+  for (const std::string& key : changedRestartKeys(liveConfig, next))
+    logLine(2, "NIVO reload: ", key, " changed; it takes a restart");
+  logLine(2, "NIVO reload: ", describeChanges(liveConfig, next));
+  // What needs a restart stays as it is in use, so that each reload says it again until then.
+  next.restartKeys = liveConfig.restartKeys;
+  liveConfig = std::move(next);
+  metrics.countReload(true);
+}
+
+// Serves a reload requested by SIGHUP; true when there was one.
+bool serveReloadRequest() {
+  if (!stopSignal::takeReload()) return false;
+  reload();
+  return true;
 }
 
 void startPools(int monitorSize) {
@@ -249,6 +368,8 @@ void runAgent() {
     std::getline(serialFile, NIVO_SN);
     fileLog->write(2, "NIVO SN: " + NIVO_SN);
   }
+  metrics.setSerial(NIVO_SN);
+  useMetricsFile(agentSettings.metricsFile);
 
   if (dup2(1, 2) == -1) {
     const std::string text =
@@ -261,7 +382,13 @@ void runAgent() {
 
   const std::vector<std::string> pluginList = readPluginList(config.getKey("NIVO", "plugin_list"));
   pathLastExecFile = config.getKey("LOG", "lastExec");
-  pluginPathExec = pluginCatalogue(config.getKey("NIVO", "plugin_dir"), pluginList, fileLog);
+  OrderSettings orders;
+  orders.pluginPathExec = pluginCatalogue(config.getKey("NIVO", "plugin_dir"), pluginList, fileLog);
+  orders.limits = runLimits(agentSettings);
+  liveConfig.settings = agentSettings;
+  liveConfig.catalogue = orders.pluginPathExec;
+  readKeyTexts(config, pathSN, liveConfig);
+  publishOrderSettings(std::move(orders));
 
   status.write("CONNECTING", "NONE");
   fileLog->write(0, "Signal arming...");
@@ -297,10 +424,19 @@ void runAgent() {
   fileLog->write(1, "Pool exec is running");
   writeLastExecTime();
 
+  auto pingAt = std::chrono::steady_clock::now() + kPingInterval;
   while (die_orva == 0) {
-    stopSignal::sleepFor(kPingInterval);
+    serveReloadRequest();  // one that came during start-up
+    const bool woken = stopSignal::sleepFor(std::chrono::duration_cast<std::chrono::milliseconds>(
+        pingAt - std::chrono::steady_clock::now()));
     serveStopRequest();
+    // A reload keeps the link and its keep-alive rhythm: the pause goes on. Any other wake-up (a
+    // stop, a link that ended) pings at once, and the failed ping ends the agent.
+    if (woken && serveReloadRequest() && die_orva == 0 &&
+        endpoint->linkState() == WSSEndpoint::LinkState::Open)
+      continue;
     endpoint->ping();
+    pingAt = std::chrono::steady_clock::now() + kPingInterval;
   }
 
   monitorPool->join();
@@ -317,6 +453,9 @@ int qavelClientMain(int argc, char** argv) {
     endAgent(configCheck::answer(static_cast<configCheck::Request>(configCheck::request),
                                  pathToConfigFile, {pathSN, kServerUrlFile}, std::cout));
   }
+  // First of all: SIGHUP's default action would end the agent. One during start-up is served
+  // once the agent runs.
+  stopSignal::armReload(SIGHUP);
   die_orva = 0;
   try {
     runAgent();
@@ -330,6 +469,18 @@ int qavelClientMain(int argc, char** argv) {
     // stopped during start-up; the stop routine has logged it
   }
   endAgent(0);
+}
+
+std::shared_ptr<const OrderSettings> currentOrderSettings() {
+  return std::atomic_load(&orderSettings);
+}
+
+void publishOrderSettings(OrderSettings settings) {
+  settings.counters.clear();
+  for (const auto& plugin : settings.pluginPathExec)
+    settings.counters[plugin.first] = metrics.counters(plugin.first);
+  std::atomic_store(&orderSettings, std::shared_ptr<const OrderSettings>(
+                                        std::make_shared<OrderSettings>(std::move(settings))));
 }
 
 void HandlerQuit(int signal) {
@@ -362,20 +513,6 @@ namespace {
 // The last line written to the last-execution file, and where; under mutex_lastexec.
 std::string lastExecWrittenPath;
 std::time_t lastExecWritten = -1;
-
-// write(2) of the whole text; false with errno set when it fails.
-bool writeWhole(int fd, const std::string& text) {
-  std::size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
-    if (written == -1) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    done += static_cast<std::size_t>(written);
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -427,6 +564,17 @@ void stopOnFailure(const char* prefix, const std::exception& failure) {
   HandlerQuit(1);
 }
 
+// An order's service, with the counters its run is counted under.
+class countedService : public service {
+ public:
+  explicit countedService(std::shared_ptr<PluginCounters> counters)
+      : counters_(std::move(counters)) {}
+  PluginCounters& counters() const { return *counters_; }
+
+ private:
+  const std::shared_ptr<PluginCounters> counters_;
+};
+
 void dispatchOrder(QAVEL& qavel, int& identifier) {
   const Json::Value order = qavel.getTaskJSONRequest();
   identifier = order["TASKID"].asInt();
@@ -435,20 +583,22 @@ void dispatchOrder(QAVEL& qavel, int& identifier) {
   const int priority = order["PRIORITY"].asInt();
   logLine(0, "EXEC plugin ", name, " ", parameter);
 
-  const auto plugin = pluginPathExec.find(name);
-  auto svc = std::make_shared<service>();
-  svc->SetService_id(static_cast<unsigned long long>(static_cast<long long>(identifier)));
-  svc->Setname(name);
-  if (plugin == pluginPathExec.end()) {
+  const std::shared_ptr<const OrderSettings> settings = currentOrderSettings();
+  const auto plugin = settings->pluginPathExec.find(name);
+  if (plugin == settings->pluginPathExec.end()) {
     logLine(2, "EXEC plugin: error plugin not defined");
+    metrics.countRefusal(Refusal::UnknownPlugin);
     answerUnrun(qavel, identifier, 2, -1, "EXEC plugin: error plugin not defined " + name);
     return;
   }
+  auto svc = std::make_shared<countedService>(settings->counters.at(name));
+  svc->SetService_id(static_cast<unsigned long long>(static_cast<long long>(identifier)));
+  svc->Setname(name);
   svc->Setpath(plugin->second);
   svc->Setparameter(parameter);
-  svc->SetRunLimits(pluginRunLimits);
+  svc->SetRunLimits(settings->limits);
   logLine(0, "SEND EXEC to pool: ", name);
-  if (PoolThreadService* pool = poolFor(priority)) pool->executeService(svc);
+  if (PoolThreadService* pool = poolFor(priority)) pool->executeService(std::move(svc));
 }
 
 }  // namespace
@@ -465,13 +615,17 @@ void on_message(std::weak_ptr<void> /*hdl*/, std::string message) {
         logLine(2, "BAD register status receive by server (quit): ");
         agentExit(0);
       }
+      registered = true;
+      if (metricsFile* const writer = metricsWriter.load()) writer->poke();
     } else if (command == "EXEC") {
+      metrics.countOrder();
       int identifier = 0;
       try {
         dispatchOrder(qavel, identifier);
       } catch (const Json::LogicError& e) {
         const std::string text = kJsonFailure + std::string(e.what());
         logLine(4, text);
+        metrics.countRefusal(Refusal::Malformed);
         answerUnrun(qavel, identifier, 255, -2, text);
       }
     }
@@ -483,6 +637,8 @@ void on_message(std::weak_ptr<void> /*hdl*/, std::string message) {
 }
 
 void callbackService(std::shared_ptr<service> svc) {
+  if (const auto* counted = dynamic_cast<const countedService*>(svc.get()))
+    counted->counters().record(resultOf(*svc), svc->GetRunDuration());
   try {
     QAVEL qavel;
     const std::string name = svc->Getname();
@@ -503,6 +659,7 @@ void callbackService(std::shared_ptr<service> svc) {
     std::string text = qavel.buildJsonTaskState(task);
     logLine(0, text);
     endpoint->send(std::move(text));
+    metrics.noteResult(std::chrono::system_clock::now());
     writeLastExecTime();
   } catch (const Json::LogicError& e) {
     stopOnFailure(kJsonFailure, e);

@@ -77,11 +77,11 @@ void PoolThreadService::executeService(std::shared_ptr<service> s) {
   if (queue_->size() > kBacklogPerWorker * poolSize_) {
     const int bound = maxWorkers_;
     if (bound > 0 && poolSize_ >= bound) {
-      // Said once: past the bound every order would say it again.
-      if (!boundReached_)
+      // Said once per bound: past it every order would say it again.
+      if (boundSaid_ != bound)
         trace(2, "pool at its bound of " + std::to_string(bound) +
                      " workers; further orders wait in the queue");
-      boundReached_ = true;
+      boundSaid_ = bound;
       return;
     }
     trace(0, "Create New Thread, new size" + std::to_string(poolSize_.load()));

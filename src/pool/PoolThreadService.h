@@ -41,8 +41,8 @@ class PoolThreadService {
   PoolThreadService& operator=(const PoolThreadService&) = delete;
 
   void setThreadMode(short mode);  // 1 automatic growth, anything else fixed size
-  // Automatic growth stops at `workers` (0: no bound); services beyond wait in the queue. Before
-  // run(). A pool that starts larger keeps its workers.
+  // Automatic growth stops at `workers` (0: no bound); services beyond wait in the queue. From any
+  // thread, at any time. A pool already larger keeps its workers.
   void setMaxWorkers(int workers);
   void setCallbackFctBeforeExec(BeforeExec before);
   void setCallbackFctAfterExec(AfterExec after);
@@ -74,8 +74,8 @@ class PoolThreadService {
   std::atomic<int> used_{0};
   std::atomic<bool> stop_{true};
   std::atomic<int> maxWorkers_{0};
-  bool boundReached_ = false;  // the dispatching thread only
-  logFile* log_ = nullptr;     // not owned; must outlive the pool
+  int boundSaid_ = 0;       // the bound last said to be reached; the dispatching thread only
+  logFile* log_ = nullptr;  // not owned; must outlive the pool
   AfterExec afterExec_ = nullptr;
   BeforeExec beforeExec_ = nullptr;
   // Every worker started, in start order. A deque, because growth appends from the dispatching

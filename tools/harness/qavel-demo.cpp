@@ -57,6 +57,9 @@ const std::vector<Order> kOrders = {
     {107, "check_foo", 5, "--not-installed"},
 };
 
+// In the sandbox: its /tmp/nivo.
+const char* const kMetricsFile = "tmp/nivo-agent.prom";
+
 const char* stateName(int code) {
   switch (code) {
     case 0:
@@ -251,6 +254,14 @@ int showAgentAtWork(qavel::QavelServer& server, agentSandbox& agent) {
     std::cout << "server saw the link closed with code " << close->code << " \"" << close->reason
               << "\"\n";
   std::cout << "last lines of the agent's log:\n" << lastLines(agent.log(), 3);
+  std::cout << "\nthe agent's metrics (LOG/metrics_file, Prometheus text format) as it left them,"
+               " without the HELP and TYPE lines and the runs counted 0:\n";
+  std::istringstream metrics(agent.readFile(kMetricsFile));
+  for (std::string line; std::getline(metrics, line);) {
+    const bool noRun = line.rfind("nivo_agent_plugin_runs_total", 0) == 0 &&
+                       line.compare(line.size() - 2, 2, " 0") == 0;
+    if (line.rfind('#', 0) != 0 && !noRun) std::cout << "  " << line << "\n";
+  }
   return 0;
 }
 
@@ -268,6 +279,7 @@ int runDemo(const Options& options) {
     agent.addPlugin(name, options.pluginDir + "/" + name);
   agent.addPlugin("check_uptime", options.samplePlugin);
   agent.setKey("NIVO", "thread", "2");
+  agent.setKey("LOG", "metrics_file", "/tmp/nivo/" + std::string(kMetricsFile).substr(4));
   agent.start({"-f", "/etc/nivo/qavel.conf"});
   std::cout << "agent started (pid " << agent.pid() << ") in sandbox " << agent.dir() << "\n";
 

@@ -1,0 +1,37 @@
+// The configuration as a running agent uses it, so that a reload (SIGHUP) can read the file again,
+// say what changed and take up what it can without a new link: the opt-in keys, the plugin
+// catalogue, the metrics file. What only a new link can take up (the server, the TLS keys, the
+// host's identity, the serial number) is kept as text, to say that a change there takes a restart.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "src/client/agentSettings.h"
+
+class iniConfig;
+
+struct LiveConfig {
+  AgentSettings settings;
+  std::map<std::string, std::string> catalogue;    // plugin name to executable path
+  std::map<std::string, std::string> appliedKeys;  // "SECTION/key" to its text, taken up
+  std::map<std::string, std::string> restartKeys;  // "SECTION/key" to its text, for a new link
+};
+
+// The text of every key of both kinds in `config`, and the serial number (first line of
+// `serialFile`, under the name "serial number").
+void readKeyTexts(iniConfig& config, const std::string& serialFile, LiveConfig& into);
+
+// The whole configuration, read again. `problems` gets the values the agent cannot use, one line a
+// key. Throws FileException when the configuration or the plugin list cannot be read, and
+// std::filesystem::filesystem_error when the plugin directory cannot be listed.
+LiveConfig readLiveConfig(iniConfig& config, const std::string& serialFile,
+                          std::vector<std::string>& problems);
+
+// What `after` changes of `before`, as one line: "plugins added: a, b; plugins removed: c;
+// NIVO/plugin_timeout: '60' -> '30'", or "nothing changed".
+std::string describeChanges(const LiveConfig& before, const LiveConfig& after);
+
+// The keys that need a new link whose text differs, in a fixed order.
+std::vector<std::string> changedRestartKeys(const LiveConfig& before, const LiveConfig& after);
