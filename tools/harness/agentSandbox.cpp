@@ -127,12 +127,16 @@ void agentSandbox::removeKey(const std::string& section, const std::string& key)
 void agentSandbox::writeFile(const std::string& relative, const std::string& content, mode_t mode) {
   const fs::path target = path(relative);
   fs::create_directories(target.parent_path());
+  // Written aside and renamed into place: a running agent that reads the file meanwhile (a reload)
+  // sees the old content or the new, never a part.
+  const fs::path written = target.string() + ".sandbox-new";
   {
-    std::ofstream file(target, std::ios::out | std::ios::trunc | std::ios::binary);
-    if (!file) fail("cannot write " + target.string());
+    std::ofstream file(written, std::ios::out | std::ios::trunc | std::ios::binary);
+    if (!file) fail("cannot write " + written.string());
     file << content;
   }
-  if (chmod(target.c_str(), mode) != 0) fail("chmod " + target.string());
+  if (chmod(written.c_str(), mode) != 0) fail("chmod " + written.string());
+  fs::rename(written, target);
 }
 
 void agentSandbox::removeFile(const std::string& relative) {

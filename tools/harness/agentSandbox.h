@@ -35,9 +35,11 @@ class agentSandbox {
   // <dir>/<relative>
   std::string path(const std::string& relative) const;
 
-  // Configuration keys; the file (<dir>/etc/qavel.conf) is written by start().
+  // Configuration keys; the file (<dir>/etc/qavel.conf) is written by start() and writeConfig().
   void setKey(const std::string& section, const std::string& key, const std::string& value);
   void removeKey(const std::string& section, const std::string& key);
+  // Writes the configuration file now: for a running agent to read again.
+  void writeConfig();
 
   // Writes <dir>/<relative> (directories created); mode as for chmod.
   void writeFile(const std::string& relative, const std::string& content, mode_t mode = 0644);
@@ -75,7 +77,6 @@ class agentSandbox {
  private:
   // True once the agent has ended; it is not reaped, so that waitExit still sees its status.
   bool ended() const;
-  void writeConfig();
 
   Paths paths_;
   std::string dir_;

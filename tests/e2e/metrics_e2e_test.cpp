@@ -1,0 +1,154 @@
+// LOG/metrics_file, end to end: after known orders the file tells what the agent did, the way
+// Debian's Prometheus node exporter serves it, and the last write on the way out says the link is
+// down.
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <boost/asio/connect.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
+#include <filesystem>
+#include <sstream>
+
+#include "tests/e2e/agentTest.h"
+
+namespace {
+
+using agentTest::AgentTest;
+using agentTest::kExitedNormally;
+using agentTest::kWait;
+
+const char kNodeExporter[] = "/usr/bin/prometheus-node-exporter";
+
+// Every sample of a text in the exposition format: "name{labels}" to its value.
+std::map<std::string, std::string> samples(const std::string& text) {
+  std::map<std::string, std::string> found;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    const std::size_t blank = line.rfind(' ');
+    if (!line.empty() && line[0] != '#' && blank != std::string::npos)
+      found[line.substr(0, blank)] = line.substr(blank + 1);
+  }
+  return found;
+}
+
+// The body of GET `target` on 127.0.0.1:`port`; "" when nothing answers.
+std::string httpGet(unsigned short port, const std::string& target) {
+  boost::asio::io_context io;
+  boost::asio::ip::tcp::socket socket(io);
+  boost::system::error_code ec;
+  socket.connect({boost::asio::ip::make_address("127.0.0.1"), port}, ec);
+  if (ec) return "";
+  boost::asio::write(socket, boost::asio::buffer("GET " + target + " HTTP/1.0\r\n\r\n"), ec);
+  std::string response;
+  boost::asio::read(socket, boost::asio::dynamic_buffer(response), ec);  // to the end
+  const std::size_t body = response.find("\r\n\r\n");
+  return body == std::string::npos ? "" : response.substr(body + 4);
+}
+
+unsigned short freePort() {
+  boost::asio::io_context io;
+  boost::asio::ip::tcp::acceptor acceptor(
+      io, {boost::asio::ip::make_address("127.0.0.1"), 0});
+  return acceptor.local_endpoint().port();
+}
+
+// The node exporter with its textfile collector alone, on a loopback port, for the test's span.
+class NodeExporter {
+ public:
+  explicit NodeExporter(const std::string& textfileDirectory) : port_(freePort()) {
+    std::vector<std::string> words = {kNodeExporter, "--collector.disable-defaults",
+                                      "--collector.textfile",
+                                      "--collector.textfile.directory=" + textfileDirectory,
+                                      "--web.listen-address=127.0.0.1:" + std::to_string(port_)};
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    if (posix_spawn(&pid_, kNodeExporter, &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+  }
+  ~NodeExporter() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  NodeExporter(const NodeExporter&) = delete;
+  NodeExporter& operator=(const NodeExporter&) = delete;
+
+  // What it serves, once it serves.
+  std::string scrape() const {
+    std::string served;
+    eventually([&] { return !(served = httpGet(port_, "/metrics")).empty(); });
+    return served;
+  }
+
+ private:
+  const unsigned short port_;
+  pid_t pid_ = -1;
+};
+
+TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDidAndTheNodeExporterServesIt) {
+  sandbox_->setKey("LOG", "metrics_file", "/tmp/nivo/nivo-agent.prom");
+  sandbox_->setKey("NIVO", "plugin_timeout", "1");
+  addPlugin("fault_forever", "fault_forever.sh");
+  ASSERT_TRUE(launchRunning());
+  const auto metrics = [&] { return samples(sandbox_->readFile("tmp/nivo-agent.prom")); };
+
+  for (int code = 0; code <= 4; ++code)  // RETURN 4 is no state: it counts as unknown
+    server_->sendExec(1 + code, "plugin_exit", "exit " + std::to_string(code), 5);
+  server_->sendExec(6, "fault_forever", sandbox_->path("forever"), 5);
+  server_->sendExec(7, "check_foo", "", 5);
+  ASSERT_EQ(answers_.wait(7).size(), 7u);
+  // The web pool's one worker held for good (the time limit taken off), two orders wait behind it.
+  sandbox_->removeKey("NIVO", "plugin_timeout");
+  sandbox_->writeConfig();
+  sandbox_->signal(SIGHUP);
+  ASSERT_TRUE(sandbox_->waitForLog("NIVO reload: NIVO/plugin_timeout: '1' -> ''", kWait));
+  const std::string started = sandbox_->path("started");
+  server_->sendExec(8, "fault_forever", started, 1);
+  ASSERT_TRUE(eventually([&] { return std::filesystem::exists(started); }));
+  server_->sendExec(9, "plugin_exit", "queued", 1);
+  server_->sendExec(10, "plugin_exit", "queued", 1);
+
+  std::map<std::string, std::string> now;
+  ASSERT_TRUE(eventually([&] {
+    now = metrics();
+    return now["nivo_agent_queue_length{pool=\"web\"}"] == "2";
+  })) << sandbox_->readFile("tmp/nivo-agent.prom");
+  const std::string exit = "nivo_agent_plugin_runs_total{plugin=\"plugin_exit\",result=";
+  const std::map<std::string, std::string> expected = {
+      {"nivo_agent_info{version=\"1.0\",serial=\"SN-TEST-0001\"}", "1"},
+      {"nivo_agent_link_up", "1"},
+      {"nivo_agent_orders_total", "10"},
+      {"nivo_agent_orders_refused_total{reason=\"unknown_plugin\"}", "1"},
+      {exit + "\"ok\"}", "1"},
+      {exit + "\"warning\"}", "1"},
+      {exit + "\"critical\"}", "1"},
+      {exit + "\"unknown\"}", "2"},
+      {exit + "\"failed\"}", "0"},
+      {"nivo_agent_plugin_runs_total{plugin=\"fault_forever\",result=\"timeout\"}", "1"},
+      {"nivo_agent_plugin_duration_seconds_count{plugin=\"plugin_exit\"}", "5"},
+      {"nivo_agent_queue_length{pool=\"monitor\"}", "0"},
+      {"nivo_agent_workers{pool=\"web\"}", "1"},
+      {"nivo_agent_plugins", "2"},
+      {"nivo_agent_reloads_total{result=\"applied\"}", "1"},
+  };
+  for (const auto& [sample, value] : expected) EXPECT_EQ(now[sample], value) << sample;
+  EXPECT_GE(std::stod(now["nivo_agent_plugin_duration_seconds_sum{plugin=\"fault_forever\"}"]),
+            1.0);
+
+  const std::string served = NodeExporter(sandbox_->path("tmp")).scrape();
+  EXPECT_NE(served.find("\nnode_textfile_scrape_error 0\n"), std::string::npos) << served;
+  EXPECT_NE(served.find("\nnivo_agent_orders_total 10\n"), std::string::npos) << served;
+
+  sandbox_->signal(SIGTERM);
+  EXPECT_EQ(ending(kWait), kExitedNormally);
+  EXPECT_EQ(metrics()["nivo_agent_link_up"], "0");
+}
+
+}  // namespace
