@@ -48,8 +48,8 @@ class Exposition {
   // `labels` is the inside of the braces, already escaped; empty for none.
   void sample(const std::string& suffix, const std::string& labels, const std::string& value) {
     if (!announced_) {
-      text_ += std::string("# HELP ") + name_ + " " + help_ + "\n# TYPE " + name_ + " " + type_ +
-               "\n";
+      text_ +=
+          std::string("# HELP ") + name_ + " " + help_ + "\n# TYPE " + name_ + " " + type_ + "\n";
       announced_ = true;
     }
     text_ += name_ + suffix;

@@ -15,8 +15,8 @@ struct Key {
 
 // Taken up by a reload.
 const Key kAppliedKeys[] = {
-    {"LOG", "metrics_file"},   {"NIVO", "plugin_list"}, {"NIVO", "plugin_dir"},
-    {"NIVO", "plugin_timeout"}, {"NIVO", "max_output"},  {"NIVO", "max_workers"},
+    {"LOG", "metrics_file"},        {"NIVO", "plugin_list"}, {"NIVO", "plugin_dir"},
+    {"NIVO", "plugin_timeout"},     {"NIVO", "max_output"},  {"NIVO", "max_workers"},
     {"NIVO", "unknown_on_failure"},
 };
 
@@ -24,10 +24,10 @@ const Key kAppliedKeys[] = {
 // written during start-up only, and the last-execution file and the log keep their paths, the log
 // being reopened at its own.
 const Key kRestartKeys[] = {
-    {"LOG", "info"},           {"LOG", "log_file"},        {"LOG", "lastExec"},
-    {"SSL", "cafile"},         {"SSL", "local_cert"},      {"SSL", "verify_server"},
-    {"SSL", "client_key"},     {"NIVO", "server_url"},     {"NIVO", "ip_command"},
-    {"NIVO", "thread"},        {"NIVO", "open_timeout"},   {"NIVO", "pong_timeout"},
+    {"LOG", "info"},       {"LOG", "log_file"},      {"LOG", "lastExec"},
+    {"SSL", "cafile"},     {"SSL", "local_cert"},    {"SSL", "verify_server"},
+    {"SSL", "client_key"}, {"NIVO", "server_url"},   {"NIVO", "ip_command"},
+    {"NIVO", "thread"},    {"NIVO", "open_timeout"}, {"NIVO", "pong_timeout"},
 };
 
 const char kSerialNumber[] = "serial number";

@@ -1,9 +1,5 @@
 #include "src/client/metricsFile.h"
 
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "src/common/logFile.h"
@@ -25,9 +21,12 @@ void metricsFile::setPath(const std::string& path) {
   {
     const std::lock_guard<std::mutex> guard(lock_);
     if (path == path_) return;
-    // The old file would otherwise stay with its last figures, for a collector to serve for ever.
-    if (!path_.empty() && ::unlink(path_.c_str()) == -1 && errno != ENOENT)
-      writeJoinedTo(log_, 3, "NIVO metrics: cannot remove ", path_, ": ", std::strerror(errno));
+    // Emptied rather than left with its last figures, for a collector to serve for ever; not
+    // removed, since a collector may reach it through a link that must not dangle.
+    if (!path_.empty()) {
+      if (const std::string failure = replaceWhole(path_, "", 0644); !failure.empty())
+        writeJoinedTo(log_, 3, "NIVO metrics: ", failure);
+    }
     path_ = path;
     failing_ = false;
     poked_ = true;

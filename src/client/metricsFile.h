@@ -26,7 +26,7 @@ class metricsFile {
   metricsFile(const metricsFile&) = delete;
   metricsFile& operator=(const metricsFile&) = delete;
 
-  // From any thread. A new path is written at once and the file at the old one removed; "" stops
+  // From any thread. A new path is written at once and the file at the old one emptied; "" stops
   // the writes.
   void setPath(const std::string& path);
   // Asks for a write now rather than at the end of the interval.

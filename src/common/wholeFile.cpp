@@ -28,10 +28,9 @@ std::string replaceWhole(const std::string& path, const std::string& text, mode_
   // (*.prom) never takes the half-written one.
   const std::size_t slash = path.rfind('/');
   const std::size_t nameStart = slash == std::string::npos ? 0 : slash + 1;
-  const std::string temporary =
-      path.substr(0, nameStart) + "." + path.substr(nameStart) + ".tmp";
-  UniqueFd file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
-                       mode));
+  const std::string temporary = path.substr(0, nameStart) + "." + path.substr(nameStart) + ".tmp";
+  UniqueFd file(
+      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, mode));
   if (!file) return failed("cannot create " + temporary);
   if (::fchmod(file.get(), mode) == -1 || !writeWhole(file.get(), text)) {
     const std::string why = failed("cannot write " + temporary);
