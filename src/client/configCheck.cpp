@@ -105,6 +105,7 @@ class Checker {
     checkSerialNumber();
     const AgentSettings settings = readAgentSettings(config_, problems_);
     checkTls(settings);
+    checkMetricsFile(settings);
     checkPlugins();
     checkServerUrl();
     checkIpCommand();
@@ -150,6 +151,18 @@ class Checker {
     } else if (::access(directoryOf(path).c_str(), W_OK | X_OK) != 0) {
       add(label + ": cannot create " + path + ": " + systemError());
     }
+  }
+
+  // Replaced whole by a rename: its directory is what must be writable.
+  void checkMetricsFile(const AgentSettings& settings) {
+    const std::string& path = settings.metricsFile;
+    if (path.empty()) return;
+    std::error_code ignored;
+    if (std::filesystem::is_directory(path, ignored))
+      add("LOG/metrics_file: " + path + " is a directory");
+    else if (::access(directoryOf(path).c_str(), W_OK | X_OK) != 0)
+      add("LOG/metrics_file: cannot write in " + directoryOf(path) + ": " + systemError() +
+          "; the agent runs without metrics");
   }
 
   void executable(const std::string& label, const std::string& path) {

@@ -47,7 +47,8 @@ class ConfigCheckTest : public TempDirTest {
         {"LOG",
          {{"info", path("log/status")},
           {"log_file", path("log/agent.log")},
-          {"lastExec", path("log/lastexec")}}},
+          {"lastExec", path("log/lastexec")},
+          {"metrics_file", path("log/agent.prom")}}},
         {"SSL",
          {{"cafile", path("cert.pem")},
           {"local_cert", path("cert.pem")},
@@ -116,6 +117,8 @@ TEST_F(ConfigCheckTest, EachFaultIsOneLineNamingItsKeyOrFile) {
       {"status file is a directory", [this] { set("LOG", "info", path("log")); },
        "LOG/info: " + path("log") + " is a directory"},
       {"no last-execution file", [this] { set("LOG", "lastExec", ""); }, "LOG/lastExec is empty"},
+      {"metrics directory missing", [this] { set("LOG", "metrics_file", path("none/a.prom")); },
+       "LOG/metrics_file: cannot write in " + path("none") + ": "},
       {"plugin directory missing", [this] { set("NIVO", "plugin_dir", path("none")); },
        "NIVO/plugin_dir: cannot list "},
       {"blank after a plugin name", [this] { writeFile("plugins.list", "check_a \n"); },
@@ -203,7 +206,7 @@ TEST_F(ConfigCheckTest, UnusableConfigurationIsOneLine) {
 // shipped sample, every key must be read from its own line, and every key the agent knows is on.
 TEST(SampleConfiguration, EveryKeyIsOnAndReadFromItsOwnLine) {
   const std::vector<std::pair<std::string, std::vector<std::string>>> known = {
-      {"LOG", {"info", "log_file", "lastExec"}},
+      {"LOG", {"info", "log_file", "lastExec", "metrics_file"}},
       {"SSL", {"cafile", "local_cert", "verify_server", "client_key"}},
       {"NIVO",
        {"plugin_list", "plugin_dir", "server_url", "ip_command", "thread", "plugin_timeout",
