@@ -50,8 +50,7 @@ std::string httpGet(unsigned short port, const std::string& target) {
 
 unsigned short freePort() {
   boost::asio::io_context io;
-  boost::asio::ip::tcp::acceptor acceptor(
-      io, {boost::asio::ip::make_address("127.0.0.1"), 0});
+  boost::asio::ip::tcp::acceptor acceptor(io, {boost::asio::ip::make_address("127.0.0.1"), 0});
   return acceptor.local_endpoint().port();
 }
 

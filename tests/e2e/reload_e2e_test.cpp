@@ -31,9 +31,10 @@ TEST_F(AgentTest, ReloadTakesUpPluginsAndLimitsOnTheSameLinkAndKeepsAllWhenItCan
   sandbox_->setKey("NIVO", "server_url", "wss://127.0.0.1:1");
   sandbox_->writeConfig();
   sandbox_->signal(SIGHUP);
-  ASSERT_TRUE(sandbox_->waitForLog("#NOTICE#NIVO reload: plugins added: plugin_new; plugins "
-                                   "removed: plugin_exit; NIVO/plugin_timeout: '30' -> '1'\n",
-                                   kWait));
+  ASSERT_TRUE(
+      sandbox_->waitForLog("#NOTICE#NIVO reload: plugins added: plugin_new; plugins "
+                           "removed: plugin_exit; NIVO/plugin_timeout: '30' -> '1'\n",
+                           kWait));
   EXPECT_TRUE(logHas("#NOTICE#NIVO reload: NIVO/server_url changed; it takes a restart\n"));
   EXPECT_EQ(sandbox_->readFile("agent.log.1").find("NIVO reload"), std::string::npos);
 
@@ -49,9 +50,10 @@ TEST_F(AgentTest, ReloadTakesUpPluginsAndLimitsOnTheSameLinkAndKeepsAllWhenItCan
   // A plugin list that cannot be read: nothing changes, and one line says why.
   sandbox_->removeFile("etc/plugins.list");
   sandbox_->signal(SIGHUP);
-  ASSERT_TRUE(sandbox_->waitForLog("#WARNING#NIVO reload refused, the configuration in use is "
-                                   "kept: can't open file/etc/nivo/plugins.list\n",
-                                   kWait));
+  ASSERT_TRUE(
+      sandbox_->waitForLog("#WARNING#NIVO reload refused, the configuration in use is "
+                           "kept: can't open file/etc/nivo/plugins.list\n",
+                           kWait));
   server_->sendExec(5, "plugin_new", "", 5);
   EXPECT_EQ(answers_.to(5), once(qavel::execResponse(0, 5, "new\n", 0)));
 

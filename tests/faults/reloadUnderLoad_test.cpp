@@ -23,9 +23,9 @@ TEST_F(ReloadUnderLoadTest, ReloadsUnderSixtyFourInFlightLoseAndDuplicateNothing
   int reloads = 0;
   std::thread reloader([&] {
     for (; loading; ++reloads) {
-      sandbox_->setPluginList(reloads % 2 == 0 ? std::vector<std::string>{"check_dummy"}
-                                               : std::vector<std::string>{"check_dummy",
-                                                                          "plugin_exit"});
+      sandbox_->setPluginList(reloads % 2 == 0
+                                  ? std::vector<std::string>{"check_dummy"}
+                                  : std::vector<std::string>{"check_dummy", "plugin_exit"});
       sandbox_->signal(SIGHUP);
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
