@@ -18,16 +18,6 @@
 
 namespace {
 
-// Splits on blanks with ' and " as (interchangeable) quotes and no escape character, so a
-// backslash is an ordinary character and the tokenizer never throws. Empty tokens are dropped.
-void appendTokens(const std::string& text, std::vector<std::string>& tokens) {
-  const boost::escaped_list_separator<char> separator("", " ", "\"'");
-  for (const std::string& token :
-       boost::tokenizer<boost::escaped_list_separator<char>>(text, separator)) {
-    if (!token.empty()) tokens.push_back(token);
-  }
-}
-
 char* const kEmptyEnvironment[] = {nullptr};
 
 // Between SIGTERM and SIGKILL when a plugin outlives its time limit.
@@ -47,6 +37,15 @@ std::size_t utf8Boundary(const std::string& text) {
 }
 
 }  // namespace
+
+// No escape character: a backslash is an ordinary character, and the tokenizer never throws.
+void appendParameterTokens(const std::string& text, std::vector<std::string>& tokens) {
+  const boost::escaped_list_separator<char> separator("", " ", "\"'");
+  for (const std::string& token :
+       boost::tokenizer<boost::escaped_list_separator<char>>(text, separator)) {
+    if (!token.empty()) tokens.push_back(token);
+  }
+}
 
 service::service() = default;
 
@@ -96,11 +95,11 @@ void service::Setpath(std::string path) { path_ = std::move(path); }
 void service::Setparameter(std::string parameter) {
   parameter_ = std::move(parameter);
   vectorParam_.clear();
-  appendTokens(parameter_, vectorParam_);
+  appendParameterTokens(parameter_, vectorParam_);
 }
 
 void service::SetAlertingParameter(std::string parameter) {
-  appendTokens(parameter, vectorAlertingParam_);
+  appendParameterTokens(parameter, vectorAlertingParam_);
 }
 
 void service::Setinterval_exec_time(int interval) {

@@ -33,6 +33,12 @@ struct RunLimits {
   bool unknownOnFailure = false;
 };
 
+// Splits a parameter text into the arguments of a plugin and appends them to `tokens`: blanks
+// separate, ' and " quote (either one closes what either opened), there is no escape character,
+// and empty tokens are dropped. The one splitting of the agent: an order's parameter text and
+// anything that must see the same arguments (the plugin rules) go through here.
+void appendParameterTokens(const std::string& text, std::vector<std::string>& tokens);
+
 class service {
  public:
   service();
@@ -44,8 +50,7 @@ class service {
   void SetService_id(unsigned long long id);
   void Setname(std::string name);
   void Setpath(std::string path);
-  // Stores the raw text and splits it on blanks, with ' and " as quotes and no escape character;
-  // empty tokens are dropped.
+  // Stores the raw text and splits it with appendParameterTokens.
   void Setparameter(std::string parameter);
   // Same splitting; appends to the alerting list and keeps no raw text.
   void SetAlertingParameter(std::string parameter);
