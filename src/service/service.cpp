@@ -79,6 +79,7 @@ service::service(const service& other) {
   service_idStr_ = other.GetService_idStr();
   stdout_ = other.GetStdout();
   limits_ = other.limits_;
+  executable_ = other.GetExecutable();
 }
 
 service::~service() = default;
@@ -113,6 +114,10 @@ void service::SetReturnCode(int code) { returnCode_ = code; }
 
 void service::SetRunLimits(const RunLimits& limits) { limits_ = limits; }
 
+void service::SetExecutable(std::shared_ptr<const UniqueFd> executable) {
+  executable_ = std::move(executable);
+}
+
 std::int64_t service::GetDevice_id() const { return device_id_; }
 std::int32_t service::GetPlugin_id() const { return plugin_id_; }
 unsigned long long service::GetService_id() const { return service_id_; }
@@ -140,6 +145,7 @@ timeval service::GetMaintenanceStart() const { return maintenanceStart_; }
 timeval service::GetMaintenanceEnd() const { return maintenanceEnd_; }
 int service::GetMaintenancePlannedID() const { return maintenancePlannedID_; }
 float service::GetCost() const { return cost_; }
+std::shared_ptr<const UniqueFd> service::GetExecutable() const { return executable_; }
 
 std::string service::description() const { return name_ + "\npath:" + path_ + " " + parameter_; }
 
@@ -219,6 +225,7 @@ int service::execute() {
   setup.unusedFd = readEnd.get();
   setup.execFailurePrefix = "DAEMON: plugin is not executable ";
   setup.ownProcessGroup = true;
+  setup.executableFd = executable_ ? executable_->get() : -1;
   const pid_t pid = spawnChild(setup);
   if (pid == -1) fail("Error create fork ", errno);
   const Deadline deadline(limits_.timeoutSeconds);

@@ -8,10 +8,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "src/common/messageException.h"
+#include "src/common/uniqueFd.h"
 
 class Deadline;
 
@@ -58,6 +60,10 @@ class service {
   void Setinterval_exec_time(int interval);
   void SetReturnCode(int code);
   void SetRunLimits(const RunLimits& limits);
+  // Starts the plugin from this open file (execveat) rather than by its path, so that the file
+  // that was checked is the file that runs; shared, as the run may outlive the caller's copy.
+  // Null, the default: by its path.
+  void SetExecutable(std::shared_ptr<const UniqueFd> executable);
 
   std::int64_t GetDevice_id() const;
   std::int32_t GetPlugin_id() const;
@@ -86,6 +92,7 @@ class service {
   timeval GetMaintenanceEnd() const;
   int GetMaintenancePlannedID() const;
   float GetCost() const;
+  std::shared_ptr<const UniqueFd> GetExecutable() const;
 
   // Runs the plugin once (fork/execve, empty environment, output on a pipe) and returns the code
   // 0..5; throws serviceException with the service named in the message on failure.
@@ -140,4 +147,5 @@ class service {
   std::int32_t maintenancePlannedID_ = 0;
   float cost_ = 1.0f;
   RunLimits limits_;
+  std::shared_ptr<const UniqueFd> executable_;
 };
