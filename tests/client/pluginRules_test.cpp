@@ -13,6 +13,7 @@
 #include <tuple>
 #include <vector>
 
+#include "src/client/hostDiscovery.h"
 #include "src/common/logFile.h"
 #include "src/service/service.h"
 #include "tests/common/tempDirTest.h"
@@ -189,6 +190,39 @@ TEST_F(PluginRulesTest, PinnedPluginRunsOnlyWhileItsContentHasTheHash) {
   ASSERT_EQ(::unlink(path("check_dummy").c_str()), 0);
   EXPECT_EQ(check(rules, "check_dummy", "").refusal,
             "the executable cannot be read: No such file or directory");
+}
+
+// The package's rules against its plugin list as the agent catalogues it: every line usable, every
+// plugin with an order it allows, and getopt's other spellings of an option refused.
+TEST(ShippedPluginRules, AllowTheDocumentedOrdersOnly) {
+  PluginRules rules(NIVO_SAMPLE_PLUGIN_RULES,
+                    pluginCatalogue(NIVO_MONITORING_PLUGIN_DIR,
+                                    readPluginList(NIVO_SAMPLE_PLUGIN_LIST), nullptr));
+  EXPECT_EQ(rules.problems(), std::vector<std::string>{});
+  const std::vector<std::tuple<std::string, std::string, bool>> orders = {
+      {"check_load", "-w 5,4,3 -c 10,8,6", true},
+      {"check_load", "-r -w 1.5,1.2,1 -c 3,2.5,2", true},
+      {"check_load", "--warning=5,4,3 -c 10,8,6", false},
+      {"check_load", "-w5,4,3 -c10,8,6", false},
+      {"check_load", "-rw 5,4,3 -c 10,8,6", false},
+      {"check_disk", "-w 20% -c 10% -p /var", true},
+      {"check_disk", "-w 2048 -c 1024 -p /", true},
+      {"check_disk", "-W 20% -K 10% -p /", true},
+      {"check_disk", "-w 20% -c 10% --pa=/", false},
+      {"check_disk", "-w 20% -c 10% -p /etc", false},
+      {"check_disk", "-w 20% -c 10% -p /var/../etc", false},
+      {"check_procs", "-w 250 -c 400", true},
+      {"check_procs", "-w 1: -c 1: -C sshd", true},
+      {"check_procs", "-w :5 -c @1:3 -s Z", true},
+      {"check_procs", "-w 250 -c 400 --extra-opts=@/etc/shadow", false},
+      {"check_users", "-w 5 -c 10", true},
+      {"check_swap", "-w 50% -c 20% -n ok", true},
+      {"check_swap", "-w 50% -c 20% -n okay", false},
+      {"check_dummy", "1 'disk replaced'", true},
+      {"check_dummy", "1 $(reboot)", false},
+  };
+  for (const auto& [name, parameter, allowed] : orders)
+    EXPECT_EQ(check(rules, name, parameter).allowed, allowed) << name << " " << parameter;
 }
 
 }  // namespace
