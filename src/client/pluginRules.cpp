@@ -49,7 +49,7 @@ std::string regexError(int error) {
 Regex compilePattern(const std::string& pattern, std::string& problem) {
   const std::string quoted = "'" + pattern + "': ";
   // A back-reference makes matching exponential in the argument. Every backslash before a digit
-  // is refused, also inside a bracket expression, where it would be two plain characters: [1\\].
+  // is refused, also inside a bracket expression, where "[\1]" would only mean a backslash or a 1.
   for (std::size_t at = 0; at + 1 < pattern.size(); ++at) {
     if (pattern[at] != '\\') continue;
     if (pattern[at + 1] >= '1' && pattern[at + 1] <= '9') {
@@ -63,8 +63,8 @@ Regex compilePattern(const std::string& pattern, std::string& problem) {
     problem = quoted + regexError(error);
     return nullptr;
   }
-  // glibc takes a ')' without its '(' as a plain character, so "a)|(b" would close the anchoring
-  // group early and leave "(b)$" anchored at one end only. glibc itself tells: an opening
+  // glibc takes a ')' without its '(' as a plain character, so "a)|(b)" would close the anchoring
+  // group early: "^(a)|(b))$" matches any text that begins with "a". glibc itself tells: an opening
   // parenthesis put before a pattern whose own parentheses pair up stays unmatched.
   if (compile("(" + pattern, error) || error != REG_EPAREN) {
     problem = quoted + (error == 0 ? "a ')' without its '('" : regexError(error));
