@@ -64,3 +64,31 @@ std::string toValidUtf8(const std::string& text) {
   utf8::replace_invalid(text.begin(), text.end(), std::back_inserter(repaired), ' ');
   return repaired;
 }
+
+// Every byte outside printable ASCII is escaped, UTF-8 too: a log line must not carry a line end,
+// a terminal's control sequence or a character that turns the text around (U+202E) into the
+// reader's view, and the escaped form shows exactly which bytes arrived.
+std::string printableForLog(const std::string& text, std::size_t maxBytes) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string shown;
+  std::size_t taken = 0;
+  for (; taken < text.size(); ++taken) {
+    const unsigned char c = static_cast<unsigned char>(text[taken]);
+    char piece[4] = {static_cast<char>(c)};
+    std::size_t length = 1;
+    if (c == '\\') {
+      piece[1] = '\\';
+      length = 2;
+    } else if (c < 0x20 || c > 0x7e) {
+      piece[0] = '\\';
+      piece[1] = 'x';
+      piece[2] = kHex[c >> 4];
+      piece[3] = kHex[c & 0xf];
+      length = 4;
+    }
+    if (shown.size() + length > maxBytes) break;
+    shown.append(piece, length);
+  }
+  if (taken < text.size()) shown += "...[" + std::to_string(text.size() - taken) + " more bytes]";
+  return shown;
+}

@@ -3,6 +3,7 @@
 // non-number, the type's limit when out of range; nothing throws.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 int stringToInt(std::string text);
@@ -26,3 +27,8 @@ std::string trim(const std::string& text);
 
 // The text with every invalid UTF-8 sequence replaced by one blank; valid text comes back as is.
 std::string toValidUtf8(const std::string& text);
+
+// `text` fit for one log line, to audit what arrived from outside: a backslash is doubled, every
+// byte outside printable ASCII written \xHH (hexadecimal); at most `maxBytes` bytes of that, then
+// "...[N more bytes]" with N the bytes of `text` left out.
+std::string printableForLog(const std::string& text, std::size_t maxBytes);

@@ -66,8 +66,8 @@ struct ChildArgs {
   const ErrnoTexts* errnoTexts;
 };
 
-long sys(long number, long a = 0, long b = 0, long c = 0, long d = 0) noexcept {
-  return ::syscall(number, a, b, c, d);
+long sys(long number, long a = 0, long b = 0, long c = 0, long d = 0, long e = 0) noexcept {
+  return ::syscall(number, a, b, c, d, e);
 }
 
 void writeText(int fd, const char* text) noexcept {
@@ -110,8 +110,50 @@ void resetSignalDispositions() noexcept {
   }
 }
 
+// The line that tells the parent why the plugin did not start, then the end of the child.
+[[noreturn]] void failStart(int fd, const ChildArgs& args, int error) noexcept {
+  writeText(fd, args.setup->execFailurePrefix);
+  writeText(fd, args.errnoTexts->text(error));
+  writeText(fd, "\n");
+  exitChild(2);
+}
+
+// close_range over [first, last]; only an old kernel lacks it, and then gets the slow loop up to
+// the descriptor limit.
+void closeRange(unsigned first, unsigned last) noexcept {
+  if (first > last) return;
+  if (sys(SYS_close_range, first, last, 0) == -1) {
+    for (unsigned long fd = first; fd <= last && fd < 65536; ++fd)
+      sys(SYS_close, static_cast<long>(fd));
+  }
+}
+
+// execveat(fd, "", AT_EMPTY_PATH): the open file itself, as a binary or as a script.
+int execOpenFile(int fd, const ChildSetup& setup, char* const* envp) noexcept {
+  const auto start = [&] {
+    sys(SYS_execveat, fd, reinterpret_cast<long>(""), reinterpret_cast<long>(setup.argv),
+        reinterpret_cast<long>(envp), AT_EMPTY_PATH);
+    return errno;
+  };
+  const int error = start();
+  // A file the kernel hands to an interpreter (#!) is refused with ENOENT while its descriptor is
+  // close-on-exec: the interpreter could not open /dev/fd/N once the exec had closed it. The flag
+  // is cleared on this one descriptor, in the child's own descriptor table (no CLONE_FILES, so the
+  // agent's stays as it is), and the start tried again.
+  if (error != ENOENT || sys(SYS_fcntl, fd, F_SETFD, 0) == -1) return error;
+  return start();
+}
+
 [[noreturn]] void runChild(const ChildArgs& args) noexcept {
   const ChildSetup& setup = *args.setup;
+  int executable = setup.executableFd;
+  if (executable >= 0 && executable <= STDERR_FILENO) {
+    // An agent started without descriptors 0 to 2 may hold the executable there, where the
+    // plugin's own are about to be set up: it moves above them first, close-on-exec still.
+    executable = static_cast<int>(sys(SYS_fcntl, executable, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    if (executable == -1)
+      failStart(setup.outputFd >= 0 ? setup.outputFd : STDOUT_FILENO, args, errno);
+  }
   if (setup.unusedFd >= 0) sys(SYS_close, setup.unusedFd);
   if (setup.outputFd >= 0) {
     long redirected;
@@ -136,10 +178,13 @@ void resetSignalDispositions() noexcept {
   }
 
   // The link's socket and the log file carry no close-on-exec flag, and another worker may have
-  // a pipe open at this moment: a plugin gets descriptors 0 to 2 and nothing else. Only an old
-  // kernel lacks close_range; it then gets the slow loop up to the descriptor limit.
-  if (sys(SYS_close_range, 3, ~0U, 0) == -1) {
-    for (long fd = 3; fd < 65536; ++fd) sys(SYS_close, fd);
+  // a pipe open at this moment: a plugin gets descriptors 0 to 2 and nothing else, but for the
+  // executable it is started from.
+  if (executable < 0) {
+    closeRange(3, ~0U);
+  } else {
+    closeRange(3, static_cast<unsigned>(executable) - 1);
+    closeRange(static_cast<unsigned>(executable) + 1, ~0U);
   }
 
   // A plugin that signals its own group (`trap 'kill 0' EXIT`) must not reach the agent, and a
@@ -151,13 +196,11 @@ void resetSignalDispositions() noexcept {
   resetSignalDispositions();
   sys(SYS_rt_sigprocmask, SIG_SETMASK, reinterpret_cast<long>(args.mask), 0, sizeof(std::uint64_t));
 
+  char* const* const envp = setup.envp != nullptr ? setup.envp : environ;
+  if (executable >= 0) failStart(STDOUT_FILENO, args, execOpenFile(executable, setup, envp));
   sys(SYS_execve, reinterpret_cast<long>(setup.path), reinterpret_cast<long>(setup.argv),
-      reinterpret_cast<long>(setup.envp != nullptr ? setup.envp : environ));
-  const int error = errno;
-  writeText(STDOUT_FILENO, setup.execFailurePrefix);
-  writeText(STDOUT_FILENO, args.errnoTexts->text(error));
-  writeText(STDOUT_FILENO, "\n");
-  exitChild(2);
+      reinterpret_cast<long>(envp));
+  failStart(STDOUT_FILENO, args, errno);
 }
 
 int cloneEntry(void* args) { runChild(*static_cast<const ChildArgs*>(args)); }

@@ -40,6 +40,10 @@ struct ChildSetup {
   int unusedFd = -1;  // the parent's end of the pipe, closed in the child; -1 when there is none
   const char* execFailurePrefix = "";  // starts the line written on descriptor 1 if execve fails
   bool ownProcessGroup = false;        // the child leads a new process group
+  // An open executable, started with execveat(AT_EMPTY_PATH) instead of execve(path): the file
+  // that was opened is the file that runs, whatever `path` names by then. It stays close-on-exec
+  // for a binary; a script keeps it open, since its interpreter reads it through /dev/fd. -1: path.
+  int executableFd = -1;
 };
 
 // The plugin way: clone(CLONE_VM | CLONE_VFORK), returning once the child has called execve or

@@ -18,16 +18,6 @@
 
 namespace {
 
-// Splits on blanks with ' and " as (interchangeable) quotes and no escape character, so a
-// backslash is an ordinary character and the tokenizer never throws. Empty tokens are dropped.
-void appendTokens(const std::string& text, std::vector<std::string>& tokens) {
-  const boost::escaped_list_separator<char> separator("", " ", "\"'");
-  for (const std::string& token :
-       boost::tokenizer<boost::escaped_list_separator<char>>(text, separator)) {
-    if (!token.empty()) tokens.push_back(token);
-  }
-}
-
 char* const kEmptyEnvironment[] = {nullptr};
 
 // Between SIGTERM and SIGKILL when a plugin outlives its time limit.
@@ -47,6 +37,15 @@ std::size_t utf8Boundary(const std::string& text) {
 }
 
 }  // namespace
+
+// No escape character: a backslash is an ordinary character, and the tokenizer never throws.
+void appendParameterTokens(const std::string& text, std::vector<std::string>& tokens) {
+  const boost::escaped_list_separator<char> separator("", " ", "\"'");
+  for (const std::string& token :
+       boost::tokenizer<boost::escaped_list_separator<char>>(text, separator)) {
+    if (!token.empty()) tokens.push_back(token);
+  }
+}
 
 service::service() = default;
 
@@ -82,6 +81,7 @@ service::service(const service& other) {
   limits_ = other.limits_;
   runOutcome_ = other.runOutcome_;
   runDuration_ = other.runDuration_;
+  executable_ = other.GetExecutable();
 }
 
 service::~service() = default;
@@ -98,11 +98,11 @@ void service::Setpath(std::string path) { path_ = std::move(path); }
 void service::Setparameter(std::string parameter) {
   parameter_ = std::move(parameter);
   vectorParam_.clear();
-  appendTokens(parameter_, vectorParam_);
+  appendParameterTokens(parameter_, vectorParam_);
 }
 
 void service::SetAlertingParameter(std::string parameter) {
-  appendTokens(parameter, vectorAlertingParam_);
+  appendParameterTokens(parameter, vectorAlertingParam_);
 }
 
 void service::Setinterval_exec_time(int interval) {
@@ -115,6 +115,10 @@ void service::Setinterval_exec_time(int interval) {
 void service::SetReturnCode(int code) { returnCode_ = code; }
 
 void service::SetRunLimits(const RunLimits& limits) { limits_ = limits; }
+
+void service::SetExecutable(std::shared_ptr<const UniqueFd> executable) {
+  executable_ = std::move(executable);
+}
 
 std::int64_t service::GetDevice_id() const { return device_id_; }
 std::int32_t service::GetPlugin_id() const { return plugin_id_; }
@@ -145,6 +149,7 @@ int service::GetMaintenancePlannedID() const { return maintenancePlannedID_; }
 float service::GetCost() const { return cost_; }
 RunOutcome service::GetRunOutcome() const { return runOutcome_; }
 std::chrono::nanoseconds service::GetRunDuration() const { return runDuration_; }
+std::shared_ptr<const UniqueFd> service::GetExecutable() const { return executable_; }
 
 std::string service::description() const { return name_ + "\npath:" + path_ + " " + parameter_; }
 
@@ -245,6 +250,7 @@ int service::execute() {
   setup.unusedFd = readEnd.get();
   setup.execFailurePrefix = "DAEMON: plugin is not executable ";
   setup.ownProcessGroup = true;
+  setup.executableFd = executable_ ? executable_->get() : -1;
   const pid_t pid = spawnChild(setup);
   if (pid == -1) fail("Error create fork ", errno);
   const Deadline deadline(limits_.timeoutSeconds);

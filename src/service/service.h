@@ -9,10 +9,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "src/common/messageException.h"
+#include "src/common/uniqueFd.h"
 
 class Deadline;
 
@@ -42,6 +44,12 @@ enum class RunOutcome {
   Failed,     // the agent could not start, read or wait for it
 };
 
+// Splits a parameter text into the arguments of a plugin and appends them to `tokens`: blanks
+// separate, ' and " quote (either one closes what either opened), there is no escape character,
+// and empty tokens are dropped. The one splitting of the agent: an order's parameter text and
+// anything that must see the same arguments (the plugin rules) go through here.
+void appendParameterTokens(const std::string& text, std::vector<std::string>& tokens);
+
 class service {
  public:
   service();
@@ -53,8 +61,7 @@ class service {
   void SetService_id(unsigned long long id);
   void Setname(std::string name);
   void Setpath(std::string path);
-  // Stores the raw text and splits it on blanks, with ' and " as quotes and no escape character;
-  // empty tokens are dropped.
+  // Stores the raw text and splits it with appendParameterTokens.
   void Setparameter(std::string parameter);
   // Same splitting; appends to the alerting list and keeps no raw text.
   void SetAlertingParameter(std::string parameter);
@@ -62,6 +69,10 @@ class service {
   void Setinterval_exec_time(int interval);
   void SetReturnCode(int code);
   void SetRunLimits(const RunLimits& limits);
+  // Starts the plugin from this open file (execveat) rather than by its path, so that the file
+  // that was checked is the file that runs; shared, as the run may outlive the caller's copy.
+  // Null, the default: by its path.
+  void SetExecutable(std::shared_ptr<const UniqueFd> executable);
 
   std::int64_t GetDevice_id() const;
   std::int32_t GetPlugin_id() const;
@@ -93,6 +104,7 @@ class service {
   RunOutcome GetRunOutcome() const;
   // From the start of the last run of execute() to its end.
   std::chrono::nanoseconds GetRunDuration() const;
+  std::shared_ptr<const UniqueFd> GetExecutable() const;
 
   // Runs the plugin once (fork/execve, empty environment, output on a pipe) and returns the code
   // 0..5; throws serviceException with the service named in the message on failure.
@@ -149,4 +161,5 @@ class service {
   RunLimits limits_;
   RunOutcome runOutcome_ = RunOutcome::NotRun;
   std::chrono::nanoseconds runDuration_{0};
+  std::shared_ptr<const UniqueFd> executable_;
 };

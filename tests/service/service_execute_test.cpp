@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -186,6 +188,32 @@ TEST(ServiceExecute, OutputOverItsLimitIsCutAtACharacterAndSaysSo) {
   EXPECT_EQ(run(plugin("plugin_bytes.sh"), "abc", limited(3)).out, "abc");
   EXPECT_EQ(run(plugin("plugin_bytes.sh"), "\\303\\251", limited(1)).out,
             "[output truncated after 1 bytes]\n");
+}
+
+using ServicePinned = TempDirTest;
+
+// Started from the open file, not from the path (which names nothing here): a binary, which must
+// not inherit the descriptor, a #! script, which needs it, and a file that is not executable.
+TEST_F(ServicePinned, PluginStartsFromTheOpenFile) {
+  writeFile("data", "not a program\n");
+  const std::vector<std::tuple<std::string, std::string, int, std::string>> cases = {
+      {"/bin/sh", "-c 'test -e /proc/$$/fd/FD && echo open || echo closed'", 0, "closed\n"},
+      {plugin("plugin_exit.sh"), "pinned 1", 1, "pinned\n"},
+      {path("data"), "", 2, "DAEMON: plugin is not executable Permission denied\n"},
+  };
+  for (auto [file, parameter, code, out] : cases) {
+    const auto executable =
+        std::make_shared<const UniqueFd>(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(*executable) << file;
+    const std::size_t fd = parameter.find("FD");
+    if (fd != std::string::npos) parameter.replace(fd, 2, std::to_string(executable->get()));
+    service s;
+    s.Setpath(path("absent"));
+    s.Setparameter(parameter);
+    s.SetExecutable(executable);
+    EXPECT_EQ(s.execute(), code) << file;
+    EXPECT_EQ(s.GetStdout(), out) << file;
+  }
 }
 
 using ServiceAlerting = TempDirTest;
