@@ -60,6 +60,7 @@ class KeyReader {
 constexpr unsigned long long kMaxSeconds = 24 * 3600;
 constexpr unsigned long long kMaxWorkers = 100000;
 constexpr unsigned long long kMaxOutput = 1ULL << 30;
+constexpr unsigned long long kMaxQueue = 10000000;
 
 }  // namespace
 
@@ -77,5 +78,8 @@ AgentSettings readAgentSettings(iniConfig& config, std::vector<std::string>& pro
   settings.unknownOnFailure = keys.flag("NIVO", "unknown_on_failure");
   settings.pongTimeout = static_cast<int>(
       keys.count("NIVO", "pong_timeout", kMaxSeconds, AgentSettings{}.pongTimeout));
+  // A file that cannot be read ends the agent at start-up and refuses a reload: never unchecked.
+  settings.pluginRules = config.getKey("NIVO", "plugin_rules");
+  settings.maxQueue = static_cast<int>(keys.count("NIVO", "max_queue", kMaxQueue));
   return settings;
 }

@@ -25,6 +25,8 @@ struct AgentSettings {
   int openTimeout = 0;            // open_timeout: seconds REGISTER waits for the link to open
   bool unknownOnFailure = false;  // unknown_on_failure: agent-side failures reported as UNKNOWN
   int pongTimeout = 30;           // pong_timeout: seconds a ping waits for its pong; 0 off
+  std::string pluginRules;        // plugin_rules: the file of what each plugin may run with
+  int maxQueue = 0;               // max_queue: orders that may wait in the two pools together
 };
 
 // Reads every key above from `config`; what is wrong is appended to `problems`, one line a key.

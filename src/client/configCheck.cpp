@@ -16,6 +16,7 @@
 
 #include "src/client/agentSettings.h"
 #include "src/client/hostDiscovery.h"
+#include "src/client/liveConfig.h"
 #include "src/common/iniConfig.h"
 
 #ifndef NIVO_VERSION
@@ -106,7 +107,7 @@ class Checker {
     const AgentSettings settings = readAgentSettings(config_, problems_);
     checkTls(settings);
     checkMetricsFile(settings);
-    checkPlugins();
+    checkPlugins(settings);
     checkServerUrl();
     checkIpCommand();
     checkThread();
@@ -236,7 +237,7 @@ class Checker {
 
   // The agent matches the list's lines, as they are, against the executable files of the
   // directory: a name with a blank or a CR, or without its file, never runs.
-  void checkPlugins() {
+  void checkPlugins(const AgentSettings& settings) {
     const std::string directory = key("NIVO", "plugin_dir");
     bool directoryUsable = false;
     if (directory.empty()) {
@@ -257,6 +258,7 @@ class Checker {
     }
     if (!readable("NIVO/plugin_list", listPath)) return;
     const std::vector<std::string> list = readPluginList(listPath);
+    const std::size_t problemsBefore = problems_.size();
     std::set<std::string> seen;
     for (std::size_t number = 1; number <= list.size(); ++number) {
       const std::string& name = list[number - 1];
@@ -268,6 +270,22 @@ class Checker {
       }
       if (directoryUsable && seen.insert(name).second)
         executable("NIVO/plugin_list: " + name, directory + "/" + name);
+    }
+    // Against a catalogue found sound: a fault above would otherwise be said again, as a rule for
+    // a plugin that is not in the catalogue.
+    if (directoryUsable && problems_.size() == problemsBefore)
+      checkRules(settings, pluginCatalogue(directory, list, nullptr));
+  }
+
+  // Each line that allows nothing, against the catalogue the agent would build.
+  void checkRules(const AgentSettings& settings,
+                  const std::map<std::string, std::string>& catalogue) {
+    if (settings.pluginRules.empty()) return;
+    try {
+      const std::shared_ptr<PluginRules> rules = readRules(settings.pluginRules, catalogue);
+      for (const std::string& problem : rules->problems()) add("NIVO/plugin_rules: " + problem);
+    } catch (const FileException& e) {
+      add(std::string("NIVO/plugin_rules: ") + e.what() + "; the agent does not start");
     }
   }
 

@@ -15,9 +15,9 @@ struct Key {
 
 // Taken up by a reload.
 const Key kAppliedKeys[] = {
-    {"LOG", "metrics_file"},        {"NIVO", "plugin_list"}, {"NIVO", "plugin_dir"},
-    {"NIVO", "plugin_timeout"},     {"NIVO", "max_output"},  {"NIVO", "max_workers"},
-    {"NIVO", "unknown_on_failure"},
+    {"LOG", "metrics_file"},        {"NIVO", "plugin_list"},  {"NIVO", "plugin_dir"},
+    {"NIVO", "plugin_timeout"},     {"NIVO", "max_output"},   {"NIVO", "max_workers"},
+    {"NIVO", "unknown_on_failure"}, {"NIVO", "plugin_rules"}, {"NIVO", "max_queue"},
 };
 
 // Read once, for the link and the run: a change waits for the next start. The status file is
@@ -53,6 +53,11 @@ void readKeyTexts(iniConfig& config, const std::string& serialFile, LiveConfig& 
   into.restartKeys[kSerialNumber] = line;
 }
 
+std::shared_ptr<PluginRules> readRules(const std::string& path,
+                                       const std::map<std::string, std::string>& catalogue) {
+  return path.empty() ? nullptr : std::make_shared<PluginRules>(path, catalogue);
+}
+
 LiveConfig readLiveConfig(iniConfig& config, const std::string& serialFile,
                           std::vector<std::string>& problems) {
   LiveConfig live;
@@ -61,6 +66,7 @@ LiveConfig readLiveConfig(iniConfig& config, const std::string& serialFile,
   // Without a log: the start-up's lines on each plugin are not written again at every reload.
   live.catalogue = pluginCatalogue(config.getKey("NIVO", "plugin_dir"),
                                    readPluginList(config.getKey("NIVO", "plugin_list")), nullptr);
+  live.rules = readRules(live.settings.pluginRules, live.catalogue);
   return live;
 }
 
@@ -80,6 +86,10 @@ std::string describeChanges(const LiveConfig& before, const LiveConfig& after) {
     const std::string& now = after.appliedKeys.at(name);
     if (old != now) parts.push_back(name + ": '" + old + "' -> '" + now + "'");
   }
+  const auto rulesText = [](const LiveConfig& config) {
+    return config.rules ? config.rules->text() : std::string();
+  };
+  if (rulesText(before) != rulesText(after)) parts.push_back("plugin rules changed");
   if (parts.empty()) return "nothing changed";
   std::string text;
   for (const std::string& part : parts) text += (text.empty() ? "" : "; ") + part;

@@ -5,16 +5,19 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "src/client/agentSettings.h"
+#include "src/client/pluginRules.h"
 
 class iniConfig;
 
 struct LiveConfig {
   AgentSettings settings;
   std::map<std::string, std::string> catalogue;    // plugin name to executable path
+  std::shared_ptr<PluginRules> rules;              // null: no rules file
   std::map<std::string, std::string> appliedKeys;  // "SECTION/key" to its text, taken up
   std::map<std::string, std::string> restartKeys;  // "SECTION/key" to its text, for a new link
 };
@@ -23,14 +26,20 @@ struct LiveConfig {
 // `serialFile`, under the name "serial number").
 void readKeyTexts(iniConfig& config, const std::string& serialFile, LiveConfig& into);
 
+// The rules file at `path` for `catalogue`; null for an empty path. Throws FileException when it
+// cannot be read.
+std::shared_ptr<PluginRules> readRules(const std::string& path,
+                                       const std::map<std::string, std::string>& catalogue);
+
 // The whole configuration, read again. `problems` gets the values the agent cannot use, one line a
-// key. Throws FileException when the configuration or the plugin list cannot be read, and
+// key. Throws FileException when the configuration, the plugin list or the rules file cannot be
+// read, and
 // std::filesystem::filesystem_error when the plugin directory cannot be listed.
 LiveConfig readLiveConfig(iniConfig& config, const std::string& serialFile,
                           std::vector<std::string>& problems);
 
 // What `after` changes of `before`, as one line: "plugins added: a, b; plugins removed: c;
-// NIVO/plugin_timeout: '60' -> '30'", or "nothing changed".
+// NIVO/plugin_timeout: '60' -> '30'; plugin rules changed", or "nothing changed".
 std::string describeChanges(const LiveConfig& before, const LiveConfig& after);
 
 // The keys that need a new link whose text differs, in a fixed order.

@@ -179,8 +179,9 @@ struct PluginRules::Plugin {
 };
 
 PluginRules::PluginRules(const std::string& path,
-                         const std::map<std::string, std::string>& catalogue) {
-  const std::string text = readRulesFile(path);
+                         const std::map<std::string, std::string>& catalogue)
+    : text_(readRulesFile(path)) {
+  const std::string& text = text_;
   std::size_t number = 0;
   for (std::size_t start = 0; start < text.size();) {
     std::size_t end = text.find('\n', start);

@@ -43,6 +43,8 @@ class PluginRules {
 
   // One text per line that allows nothing: "<path>:<line>: <what>; the line allows nothing".
   const std::vector<std::string>& problems() const noexcept { return problems_; }
+  // The file's content as it was read: a reload tells by it whether the rules changed.
+  const std::string& text() const noexcept { return text_; }
 
   // May the plugin `name` run with these arguments (as appendParameterTokens split them)?
   Verdict check(const std::string& name, const std::vector<std::string>& arguments);
@@ -50,6 +52,7 @@ class PluginRules {
  private:
   struct Plugin;
 
+  std::string text_;
   std::map<std::string, std::unique_ptr<Plugin>> plugins_;
   std::vector<std::string> problems_;
 };

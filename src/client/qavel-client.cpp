@@ -25,6 +25,7 @@
 #include "src/client/metricsFile.h"
 #include "src/client/statusFile.h"
 #include "src/client/stopSignal.h"
+#include "src/common/convertTo.h"
 #include "src/common/iniConfig.h"
 #include "src/common/uniqueFd.h"
 #include "src/common/wholeFile.h"
@@ -227,8 +228,18 @@ void readSettings(iniConfig& config) {
   for (const std::string& problem : problems) fileLog->write(3, "NIVO configuration: " + problem);
 }
 
-RunLimits runLimits(const AgentSettings& settings) {
-  return {settings.pluginTimeout, settings.maxOutput, settings.unknownOnFailure};
+// Puts in use what orders are checked and run with in `config`; its rules' unusable lines are said.
+void takeUpOrderSettings(const LiveConfig& config) {
+  OrderSettings orders;
+  orders.pluginPathExec = config.catalogue;
+  orders.rules = config.rules;
+  orders.maxQueue = config.settings.maxQueue;
+  orders.limits = {config.settings.pluginTimeout, config.settings.maxOutput,
+                   config.settings.unknownOnFailure};
+  publishOrderSettings(std::move(orders));
+  if (config.rules)
+    for (const std::string& problem : config.rules->problems())
+      logLine(3, "NIVO plugin rules: ", problem);
 }
 
 AgentGauges::Pool poolGauges(PoolThreadService* pool) {
@@ -301,10 +312,7 @@ void reload() {
     return refuseReload(why);
   }
 
-  OrderSettings orders;
-  orders.pluginPathExec = next.catalogue;
-  orders.limits = runLimits(next.settings);
-  publishOrderSettings(std::move(orders));
+  takeUpOrderSettings(next);
   {
     std::lock_guard<std::mutex> guard(poolsLock);
     for (PoolThreadService* pool : {monitorPool, webPool})
@@ -382,13 +390,12 @@ void runAgent() {
 
   const std::vector<std::string> pluginList = readPluginList(config.getKey("NIVO", "plugin_list"));
   pathLastExecFile = config.getKey("LOG", "lastExec");
-  OrderSettings orders;
-  orders.pluginPathExec = pluginCatalogue(config.getKey("NIVO", "plugin_dir"), pluginList, fileLog);
-  orders.limits = runLimits(agentSettings);
   liveConfig.settings = agentSettings;
-  liveConfig.catalogue = orders.pluginPathExec;
+  liveConfig.catalogue = pluginCatalogue(config.getKey("NIVO", "plugin_dir"), pluginList, fileLog);
+  // A rules file that cannot be read ends the agent here: it never runs an order unchecked.
+  liveConfig.rules = readRules(agentSettings.pluginRules, liveConfig.catalogue);
   readKeyTexts(config, pathSN, liveConfig);
-  publishOrderSettings(std::move(orders));
+  takeUpOrderSettings(liveConfig);
 
   status.write("CONNECTING", "NONE");
   fileLog->write(0, "Signal arming...");
@@ -564,6 +571,46 @@ void stopOnFailure(const char* prefix, const std::exception& failure) {
   HandlerQuit(1);
 }
 
+// How much of a refused order's parameter text the audit line shows.
+constexpr std::size_t kAuditedParameterBytes = 256;
+
+// Whether the queue bound was said to be reached since the queues were last found empty; the
+// network thread only.
+bool queueFullSaid = false;
+
+// Orders waiting in the two pools; none before the pools exist.
+int waitingOrders() {
+  PoolThreadService* pools[2];
+  {
+    std::lock_guard<std::mutex> guard(poolsLock);
+    pools[0] = monitorPool;
+    pools[1] = webPool;
+  }
+  int waiting = 0;
+  for (PoolThreadService* pool : pools)
+    if (pool != nullptr) waiting += pool->getSizeofExecuteQueue();
+  return waiting;
+}
+
+// True when an order may wait in the queues; else it is answered at once, never queued. The
+// network thread is the only one to queue, so the queues cannot fill between this look and the
+// order's push.
+bool roomInQueues(int bound, QAVEL& qavel, int identifier) {
+  const int waiting = waitingOrders();
+  if (waiting == 0) queueFullSaid = false;
+  if (waiting < bound) return true;
+  // Once, until the queues have emptied: a flood would otherwise write a line per order.
+  if (!queueFullSaid)
+    logLine(2, "NIVO max_queue reached: ", std::to_string(waiting),
+            " orders waiting; further orders are answered UNKNOWN at once, unrun");
+  queueFullSaid = true;
+  metrics.countRefusal(Refusal::QueueFull);
+  answerUnrun(qavel, identifier, 5, 3,
+              "UNKNOWN: the agent is busy with " + std::to_string(waiting) +
+                  " orders waiting; this one was not run");
+  return false;
+}
+
 // An order's service, with the counters its run is counted under.
 class countedService : public service {
  public:
@@ -597,6 +644,20 @@ void dispatchOrder(QAVEL& qavel, int& identifier) {
   svc->Setpath(plugin->second);
   svc->Setparameter(parameter);
   svc->SetRunLimits(settings->limits);
+  if (settings->rules) {
+    const PluginRules::Verdict verdict = settings->rules->check(name, svc->getVectorParam());
+    if (!verdict.allowed) {
+      // At WARNING, with what was asked for: a refusal is worth an audit, whoever sent it.
+      logLine(3, "EXEC plugin: ", name, " refused, ", verdict.refusal, "; parameter: '",
+              printableForLog(parameter, kAuditedParameterBytes), "'");
+      metrics.countRefusal(Refusal::NotAllowed);
+      answerUnrun(qavel, identifier, 2, -1,
+                  "EXEC plugin: " + name + " not allowed: " + verdict.refusal);
+      return;
+    }
+    svc->SetExecutable(verdict.executable);
+  }
+  if (settings->maxQueue > 0 && !roomInQueues(settings->maxQueue, qavel, identifier)) return;
   logLine(0, "SEND EXEC to pool: ", name);
   if (PoolThreadService* pool = poolFor(priority)) pool->executeService(std::move(svc));
 }

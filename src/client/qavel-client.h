@@ -13,6 +13,7 @@
 
 #include "src/client/agentMetrics.h"
 #include "src/client/agentSettings.h"
+#include "src/client/pluginRules.h"
 #include "src/common/logFile.h"
 #include "src/link/WSSEndpoint.h"
 #include "src/pool/PoolThreadService.h"
@@ -46,11 +47,15 @@ extern std::condition_variable cond_var;
 extern int receiveResponse;
 
 // What an order is checked and run with: the plugin catalogue, plugin name to the path of its
-// executable, and the bounds of a run. Made at start-up and by each reload and never changed after:
+// executable, the rules of what each plugin may run with, the bound of the queues and the bounds
+// of a run. Made at start-up and by each reload and never changed after:
 // an order takes the settings current when it arrives, so orders already queued or running finish
 // as they began, whatever a reload does meanwhile.
 struct OrderSettings {
   std::map<std::string, std::string> pluginPathExec;
+  // Null: any arguments. Checked on the network thread only, which keeps its hashes up to date.
+  std::shared_ptr<PluginRules> rules;
+  int maxQueue = 0;  // orders that may wait in the two pools together; 0: no bound
   RunLimits limits;
   // The run counters of each plugin of the catalogue; filled by publishOrderSettings.
   std::map<std::string, std::shared_ptr<PluginCounters>> counters;

@@ -41,6 +41,7 @@ class ConfigCheckTest : public TempDirTest {
     writeFile("sn", "SN-0001\n");
     writeFile("server_url", "127.0.0.1:8443\n");
     writeFile("plugins.list", "check_a\n");
+    writeFile("plugin-rules", "check_a args=-w [0-9]+\n");
     writeFile("plugins/check_a", "#!/bin/sh\necho OK\n");
     chmod(path("plugins/check_a").c_str(), 0755);
     keys_ = {
@@ -65,7 +66,9 @@ class ConfigCheckTest : public TempDirTest {
           {"max_workers", "64"},
           {"open_timeout", "10"},
           {"unknown_on_failure", "1"},
-          {"pong_timeout", "30"}}},
+          {"pong_timeout", "30"},
+          {"plugin_rules", path("plugin-rules")},
+          {"max_queue", "100"}}},
     };
   }
 
@@ -153,6 +156,11 @@ TEST_F(ConfigCheckTest, EachFaultIsOneLineNamingItsKeyOrFile) {
       {"no worker", [this] { set("NIVO", "thread", "0"); }, "NIVO/thread: '0'"},
       {"opt-in key with a typo", [this] { set("NIVO", "max_output", "64K"); },
        "NIVO/max_output: '64K'"},
+      {"rules file missing", [this] { set("NIVO", "plugin_rules", path("none")); },
+       "NIVO/plugin_rules: cannot read the plugin rules " + path("none")},
+      {"rule for a plugin outside the catalogue",
+       [this] { writeFile("plugin-rules", "check_a\ncheck_b\n"); },
+       "NIVO/plugin_rules: " + path("plugin-rules") + ":2: check_b is not in the plugin catalogue"},
       {"CA file without a certificate", [this] { set("SSL", "cafile", path("sn")); },
        "SSL/cafile: no certificate in "},
       {"client key without its certificate", [this] { set("SSL", "local_cert", ""); },
@@ -210,7 +218,8 @@ TEST(SampleConfiguration, EveryKeyIsOnAndReadFromItsOwnLine) {
       {"SSL", {"cafile", "local_cert", "verify_server", "client_key"}},
       {"NIVO",
        {"plugin_list", "plugin_dir", "server_url", "ip_command", "thread", "plugin_timeout",
-        "max_output", "max_workers", "open_timeout", "unknown_on_failure", "pong_timeout"}},
+        "max_output", "max_workers", "open_timeout", "unknown_on_failure", "pong_timeout",
+        "plugin_rules", "max_queue"}},
   };
   iniConfig sample(NIVO_SAMPLE_CONFIG);
   for (const auto& [section, keys] : known) {

@@ -1,0 +1,84 @@
+// NIVO/plugin_rules, end to end: an order that no rule allows, or whose pinned plugin no longer
+// has its hash, is answered at once and never run, logged for audit and counted.
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <iomanip>
+#include <sstream>
+
+#include "tests/e2e/agentTest.h"
+
+namespace {
+
+using agentTest::AgentTest;
+using agentTest::kExitedNormally;
+using agentTest::kWait;
+using agentTest::once;
+
+std::string sha256Hex(const std::string& content) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  EVP_Digest(content.data(), content.size(), digest, &size, EVP_sha256(), nullptr);
+  std::ostringstream hex;
+  for (unsigned int i = 0; i < size; ++i)
+    hex << std::hex << std::setw(2) << std::setfill('0') << static_cast<int>(digest[i]);
+  return hex.str();
+}
+
+// Writes `content` into the file itself (same inode), then puts its modification time back.
+void rewriteInPlace(const std::string& path, const std::string& content) {
+  struct stat before {};
+  ASSERT_EQ(stat(path.c_str(), &before), 0);
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+  const timespec times[2] = {before.st_atim, before.st_mtim};
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+TEST_F(AgentTest, OrdersTheRulesDoNotAllowAreRefusedAndAPinnedPluginChangedInPlaceIsNotRun) {
+  const std::string original = sandbox_->readFile("plugins/plugin_exit");
+  sandbox_->writeFile("etc/plugin-rules",
+                      "plugin_exit sha256=" + sha256Hex(original) + " args=[a-z]+ [0-3]\n");
+  sandbox_->setKey("NIVO", "plugin_rules", "/etc/nivo/plugin-rules");
+  sandbox_->setKey("LOG", "metrics_file", "/tmp/nivo/nivo-agent.prom");
+  ASSERT_TRUE(launchRunning());
+  const auto refusal = [](int task, const std::string& why) {
+    return once(qavel::execResponse(2, task, "EXEC plugin: plugin_exit not allowed: " + why, -1));
+  };
+
+  server_->sendExec(1, "plugin_exit", "ok 0", 5);
+  EXPECT_EQ(answers_.to(1), once(qavel::execResponse(0, 1, "ok\n", 0)));
+  server_->sendExec(2, "plugin_exit", "ok 0 \x01more", 5);
+  EXPECT_EQ(answers_.to(2), refusal(2, "no rule allows these arguments"));
+  EXPECT_TRUE(sandbox_->waitForLog("#WARNING#EXEC plugin: plugin_exit refused, no rule allows "
+                                   "these arguments; parameter: 'ok 0 \\x01more'\n",
+                                   kWait));
+
+  const std::string pinned = sandbox_->path("plugins/plugin_exit");
+  rewriteInPlace(pinned, "#!/bin/sh\necho replaced\n");
+  server_->sendExec(3, "plugin_exit", "ok 0", 5);
+  EXPECT_EQ(answers_.to(3), refusal(3, "the executable does not match its hash"));
+  rewriteInPlace(pinned, original);
+  server_->sendExec(4, "plugin_exit", "back 1", 5);
+  EXPECT_EQ(answers_.to(4), once(qavel::execResponse(0, 4, "back\n", 1)));
+
+  sandbox_->signal(SIGTERM);
+  EXPECT_EQ(ending(kWait), kExitedNormally);
+  EXPECT_NE(sandbox_->readFile("tmp/nivo-agent.prom")
+                .find("\nnivo_agent_orders_refused_total{reason=\"not_allowed\"} 2\n"),
+            std::string::npos);
+}
+
+// A rules file that cannot be read ends the agent before it connects: no order runs unchecked.
+TEST_F(AgentTest, UnreadableRulesFileEndsTheAgentAtStartUp) {
+  sandbox_->setKey("NIVO", "plugin_rules", "/etc/nivo/none");
+  launch();
+  EXPECT_EQ(ending(kWait), kExitedNormally);
+  EXPECT_TRUE(logHas("#ERRORS#NIVO  File exception cannot read the plugin rules /etc/nivo/none: "
+                     "No such file or directory\n"));
+  EXPECT_FALSE(server_->waitForConnection(std::chrono::milliseconds(0)));
+}
+
+}  // namespace
