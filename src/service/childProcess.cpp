@@ -110,8 +110,15 @@ void resetSignalDispositions() noexcept {
   }
 }
 
+// Tells the agent that the program did not start. Through shared memory: only a child that shares
+// it (spawnChild) can, and the agent reads it once the child has ended, as CLONE_VFORK waits.
+void noteStartFailure(const ChildArgs& args, int error) noexcept {
+  if (args.setup->startError != nullptr) *args.setup->startError = error;
+}
+
 // The line that tells the parent why the plugin did not start, then the end of the child.
 [[noreturn]] void failStart(int fd, const ChildArgs& args, int error) noexcept {
+  noteStartFailure(args, error);
   writeText(fd, args.setup->execFailurePrefix);
   writeText(fd, args.errnoTexts->text(error));
   writeText(fd, "\n");
@@ -168,6 +175,7 @@ int execOpenFile(int fd, const ChildSetup& setup, char* const* envp) noexcept {
     }
     if (redirected == -1) {
       const int error = errno;
+      noteStartFailure(args, error);
       writeText(STDERR_FILENO, "EXEC fils: erreur de redirection de flux (dup2): ");
       writeText(STDERR_FILENO, args.errnoTexts->text(error));
       writeText(STDERR_FILENO, "\n");

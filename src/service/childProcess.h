@@ -44,6 +44,9 @@ struct ChildSetup {
   // that was opened is the file that runs, whatever `path` names by then. It stays close-on-exec
   // for a binary; a script keeps it open, since its interpreter reads it through /dev/fd. -1: path.
   int executableFd = -1;
+  // Set by a child of spawnChild that could not start the program: why (an errno value). It is
+  // still seen as before from outside: a line on its output and exit status 2.
+  int* startError = nullptr;
 };
 
 // The plugin way: clone(CLONE_VM | CLONE_VFORK), returning once the child has called execve or

@@ -251,8 +251,12 @@ int service::execute() {
   setup.execFailurePrefix = "DAEMON: plugin is not executable ";
   setup.ownProcessGroup = true;
   setup.executableFd = executable_ ? executable_->get() : -1;
+  int startError = 0;
+  setup.startError = &startError;
   const pid_t pid = spawnChild(setup);
   if (pid == -1) fail("Error create fork ", errno);
+  // Answered as ever (the child's line and status 2), but counted as a start that failed.
+  if (startError != 0) runOutcome_ = RunOutcome::Failed;
   const Deadline deadline(limits_.timeoutSeconds);
   ChildProcess child(pid);
   writeEnd.reset();  // ours would keep the read loop from ever seeing the end of the output

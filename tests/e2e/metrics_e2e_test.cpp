@@ -3,6 +3,7 @@
 // down.
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <boost/asio/connect.hpp>
@@ -95,14 +96,19 @@ TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDidAndTheNodeExporterServesIt) {
   sandbox_->setKey("LOG", "metrics_file", "/tmp/nivo/nivo-agent.prom");
   sandbox_->setKey("NIVO", "plugin_timeout", "1");
   addPlugin("fault_forever", "fault_forever.sh");
+  addPlugin("plugin_broken", "plugin_exit.sh");
   ASSERT_TRUE(launchRunning());
+  // Catalogued, and then no longer executable: its start fails.
+  ASSERT_EQ(chmod(sandbox_->path("plugins/plugin_broken").c_str(), 0644), 0);
   const auto metrics = [&] { return samples(sandbox_->readFile("tmp/nivo-agent.prom")); };
 
   for (int code = 0; code <= 4; ++code)  // RETURN 4 is no state: it counts as unknown
     server_->sendExec(1 + code, "plugin_exit", "exit " + std::to_string(code), 5);
   server_->sendExec(6, "fault_forever", sandbox_->path("forever"), 5);
   server_->sendExec(7, "check_foo", "", 5);
-  ASSERT_EQ(answers_.wait(7).size(), 7u);
+  server_->sendExec(11, "plugin_broken", "", 5);
+  ASSERT_EQ(answers_.wait(8).size(), 8u);
+  ASSERT_EQ(chmod(sandbox_->path("plugins/plugin_broken").c_str(), 0755), 0);  // kept by a reload
   // The web pool's one worker held for good (the time limit taken off), two orders wait behind it.
   sandbox_->removeKey("NIVO", "plugin_timeout");
   sandbox_->writeConfig();
@@ -123,7 +129,7 @@ TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDidAndTheNodeExporterServesIt) {
   const std::map<std::string, std::string> expected = {
       {"nivo_agent_info{version=\"1.0\",serial=\"SN-TEST-0001\"}", "1"},
       {"nivo_agent_link_up", "1"},
-      {"nivo_agent_orders_total", "10"},
+      {"nivo_agent_orders_total", "11"},
       {"nivo_agent_orders_refused_total{reason=\"unknown_plugin\"}", "1"},
       {exit + "\"ok\"}", "1"},
       {exit + "\"warning\"}", "1"},
@@ -131,10 +137,11 @@ TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDidAndTheNodeExporterServesIt) {
       {exit + "\"unknown\"}", "2"},
       {exit + "\"failed\"}", "0"},
       {"nivo_agent_plugin_runs_total{plugin=\"fault_forever\",result=\"timeout\"}", "1"},
+      {"nivo_agent_plugin_runs_total{plugin=\"plugin_broken\",result=\"failed\"}", "1"},
       {"nivo_agent_plugin_duration_seconds_count{plugin=\"plugin_exit\"}", "5"},
       {"nivo_agent_queue_length{pool=\"monitor\"}", "0"},
       {"nivo_agent_workers{pool=\"web\"}", "1"},
-      {"nivo_agent_plugins", "2"},
+      {"nivo_agent_plugins", "3"},
       {"nivo_agent_reloads_total{result=\"applied\"}", "1"},
   };
   for (const auto& [sample, value] : expected) EXPECT_EQ(now[sample], value) << sample;
@@ -143,7 +150,7 @@ TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDidAndTheNodeExporterServesIt) {
 
   const std::string served = NodeExporter(sandbox_->path("tmp")).scrape();
   EXPECT_NE(served.find("\nnode_textfile_scrape_error 0\n"), std::string::npos) << served;
-  EXPECT_NE(served.find("\nnivo_agent_orders_total 10\n"), std::string::npos) << served;
+  EXPECT_NE(served.find("\nnivo_agent_orders_total 11\n"), std::string::npos) << served;
 
   sandbox_->signal(SIGTERM);
   EXPECT_EQ(ending(kWait), kExitedNormally);

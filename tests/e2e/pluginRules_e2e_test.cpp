@@ -52,9 +52,10 @@ TEST_F(AgentTest, OrdersTheRulesDoNotAllowAreRefusedAndAPinnedPluginChangedInPla
   EXPECT_EQ(answers_.to(1), once(qavel::execResponse(0, 1, "ok\n", 0)));
   server_->sendExec(2, "plugin_exit", "ok 0 \x01more", 5);
   EXPECT_EQ(answers_.to(2), refusal(2, "no rule allows these arguments"));
-  EXPECT_TRUE(sandbox_->waitForLog("#WARNING#EXEC plugin: plugin_exit refused, no rule allows "
-                                   "these arguments; parameter: 'ok 0 \\x01more'\n",
-                                   kWait));
+  EXPECT_TRUE(
+      sandbox_->waitForLog("#WARNING#EXEC plugin: plugin_exit refused, no rule allows "
+                           "these arguments; parameter: 'ok 0 \\x01more'\n",
+                           kWait));
 
   const std::string pinned = sandbox_->path("plugins/plugin_exit");
   rewriteInPlace(pinned, "#!/bin/sh\necho replaced\n");
@@ -76,8 +77,9 @@ TEST_F(AgentTest, UnreadableRulesFileEndsTheAgentAtStartUp) {
   sandbox_->setKey("NIVO", "plugin_rules", "/etc/nivo/none");
   launch();
   EXPECT_EQ(ending(kWait), kExitedNormally);
-  EXPECT_TRUE(logHas("#ERRORS#NIVO  File exception cannot read the plugin rules /etc/nivo/none: "
-                     "No such file or directory\n"));
+  EXPECT_TRUE(
+      logHas("#ERRORS#NIVO  File exception cannot read the plugin rules /etc/nivo/none: "
+             "No such file or directory\n"));
   EXPECT_FALSE(server_->waitForConnection(std::chrono::milliseconds(0)));
 }
 

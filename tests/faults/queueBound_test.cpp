@@ -22,10 +22,10 @@ TEST_F(QueueBoundTest, FloodBeyondTheBoundIsAnsweredAtOnceInFlatMemory) {
 
   // One held worker in each pool (priority 1: web, 5: monitor), for up to ten minutes.
   for (const int priority : {1, 5})
-    server_->sendExec(priority, "pool_block",
-                      marker("started-" + std::to_string(priority)) + " " + marker("release") +
-                          " 12000",
-                      priority);
+    server_->sendExec(
+        priority, "pool_block",
+        marker("started-" + std::to_string(priority)) + " " + marker("release") + " 12000",
+        priority);
   ASSERT_TRUE(waitForMarker("started-1") && waitForMarker("started-5"));
   for (int id = 10; id < 10 + kBound; ++id) server_->sendExec(id, "check_dummy", "0 OK", 5);
   const long before = procStatus(agent, "VmRSS");
