@@ -1,9 +1,12 @@
 // End to end: the real qavel-client in a sandbox against the protocol peer in this process, every
 // order `check_dummy 0 OK`, and in the same run the bare spawn of the same plugin (posix_spawn and
-// vfork, a pipe read to its end, waitpid) as the baseline. Prints one table.
+// vfork, a pipe read to its end, waitpid) as the baseline. Then 64 orders in flight against a
+// fresh agent of each opt-in that costs on the order path (metrics_file, plugin_rules), each
+// beside a fresh agent without it in the same run. Prints one table.
 //   usage: bench_agent [orders per row, default 4000] [agent, default the one built beside it]
 // As root: the agent's sandbox is a private mount namespace.
 #include <fcntl.h>
+#include <openssl/evp.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +20,7 @@
 #include <functional>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -201,6 +205,47 @@ class Answers {
   std::function<void()> onAnswer_;
 };
 
+// How many REGISTER frames the peer has received.
+class Registrations {
+ public:
+  void record(const qavel::ReceivedFrame& frame) {
+    if (!frame.isJson || frame.json.get("COMMAND", "") != "REGISTER") return;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      ++count_;
+    }
+    changed_.notify_all();
+  }
+  bool waitFor(int count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, kPatience, [&] { return count_ >= count; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int count_ = 0;
+};
+
+// The SHA-256 of a file, as sha256sum prints it.
+std::string sha256Of(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  const std::string content((std::istreambuf_iterator<char>(file)),
+                            std::istreambuf_iterator<char>());
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  if (!file ||
+      EVP_Digest(content.data(), content.size(), digest, &size, EVP_sha256(), nullptr) != 1)
+    fail("cannot hash " + path);
+  std::string hex;
+  char pair[3];
+  for (unsigned int i = 0; i < size; ++i) {
+    std::snprintf(pair, sizeof pair, "%02x", digest[i]);
+    hex += pair;
+  }
+  return hex;
+}
+
 struct Row {
   std::string name;
   std::string value;
@@ -214,24 +259,86 @@ class Bench {
   void run(const std::string& agent, const std::string& sandboxRun) {
     baseline();
     qavel::ServerOptions options;
-    options.onFrame = [this](const qavel::ReceivedFrame& frame) { answers_.record(frame); };
+    options.onFrame = [this](const qavel::ReceivedFrame& frame) {
+      registrations_.record(frame);
+      answers_.record(frame);
+    };
     qavel::QavelServer server(options);
     server.start();
     server_ = &server;
-    agentSandbox sandbox({agent, sandboxRun}, "wss://127.0.0.1:" + std::to_string(server.port()));
-    sandbox.addPlugin("check_dummy", kPlugin);
-    sandbox.start({"-f", "/etc/nivo/qavel.conf"});  // production logging: no debug lines
-    pid_ = sandbox.pid();
-    if (!server.waitForConnection(std::chrono::seconds(30))) fail("the agent did not connect");
-    send(0, 5);  // waits for the pools if they do not exist yet
-    if (!answers_.waitFor(1)) fail("the agent did not answer; its log:\n" + sandbox.log());
-
-    inFlight(8);
-    inFlight(64);
-    latency(1);
-    latency(5);
-    burst(10000);
+    const agentSandbox::Paths paths{agent, sandboxRun};
+    {
+      const auto sandbox = startAgent(paths, Configure());
+      inFlight(8);
+      inFlight(64);
+      latency(1);
+      latency(5);
+      burst(10000);
+    }
+    compareOptIns(paths);
     print();
+  }
+
+ private:
+  using Configure = std::function<void(agentSandbox&)>;
+
+  // A fresh agent with check_dummy, configured by `configure`, once it has answered one order.
+  std::unique_ptr<agentSandbox> startAgent(const agentSandbox::Paths& paths,
+                                           const Configure& configure) {
+    auto sandbox =
+        std::make_unique<agentSandbox>(paths, "wss://127.0.0.1:" + std::to_string(server_->port()));
+    sandbox->addPlugin("check_dummy", kPlugin);
+    configure(*sandbox);
+    const std::size_t before = answers_.total();
+    sandbox->start({"-f", "/etc/nivo/qavel.conf"});  // production logging: no debug lines
+    pid_ = sandbox->pid();
+    // The link the peer's sends go to is the newest: wait for this agent's REGISTER first.
+    if (!registrations_.waitFor(++agents_))
+      fail("the agent did not register; its log:\n" + sandbox->log());
+    send(nextTask_++, 5);  // waits for the pools if they do not exist yet
+    if (!answers_.waitFor(before + 1))
+      fail("the agent did not answer; its log:\n" + sandbox->log());
+    return sandbox;
+  }
+
+  // 64 in flight, long enough for several writes of the metrics file, against a fresh agent with
+  // each opt-in and, in turn, a fresh agent without, so that each ratio is of the same conditions.
+  void compareOptIns(const agentSandbox::Paths& paths) {
+    const std::string hash = sha256Of(kPlugin);
+    const std::pair<std::string, Configure> optIns[] = {
+        {"metrics_file on",
+         [](agentSandbox& sandbox) {
+           sandbox.setKey("LOG", "metrics_file", "/tmp/nivo/nivo-agent.prom");
+         }},
+        {"plugin_rules (sha256=, args=)",
+         [&hash](agentSandbox& sandbox) {
+           sandbox.writeFile("etc/plugin-rules",
+                             "check_dummy sha256=" + hash + " args=[0-3] [A-Z]{1,8}\n");
+           sandbox.setKey("NIVO", "plugin_rules", "/etc/nivo/plugin-rules");
+         }},
+    };
+    const int orders = orders_ * 5;
+    for (const auto& [name, configure] : optIns) {
+      // The better of two rounds of each, taken in turn: a passing load elsewhere on the machine
+      // then weighs on both sides alike.
+      Measure without;
+      Measure with;
+      for (int round = 0; round < 2; ++round) {
+        for (Measure* best : {&without, &with}) {
+          const auto sandbox = startAgent(paths, best == &with ? configure : Configure());
+          const Measure measured = measureInFlight(64, orders);
+          if (measured.rate > best->rate) best->rate = measured.rate;
+          if (best->ownCpu == 0 || measured.ownCpu < best->ownCpu) best->ownCpu = measured.ownCpu;
+        }
+      }
+      char text[96];
+      std::snprintf(text, sizeof text, "%.2f x the same without (%s), best of 2",
+                    with.rate / without.rate, rate(without.rate).c_str());
+      rows_.push_back({"64 in flight, " + name, rate(with.rate), text});
+      std::snprintf(text, sizeof text, "%+.0f us over the same without",
+                    (with.ownCpu - without.ownCpu) * 1e6);
+      rows_.push_back({"  agent CPU per check, own", microseconds(with.ownCpu), text});
+    }
   }
 
  private:
@@ -248,10 +355,16 @@ class Bench {
     rows_.push_back({"bare posix_spawn, one at a time", latencyText(latencies), ""});
   }
 
-  // `window` orders outstanding at all times, priority 5, orders_ of them in all.
-  void inFlight(int window) {
+  struct Measure {
+    double rate = 0;      // checks per second
+    double ownCpu = 0;    // agent CPU seconds per check, its own
+    double childCpu = 0;  // and its plugins'
+  };
+
+  // `window` orders outstanding at all times, priority 5, `orders` of them in all.
+  Measure measureInFlight(int window, int orders) {
     const int first = nextTask_;
-    const int last = first + orders_ - 1;
+    const int last = first + orders - 1;
     nextTask_ = last + 1;
     {
       const std::lock_guard<std::mutex> lock(sendLock_);
@@ -268,17 +381,20 @@ class Bench {
     const auto start = Clock::now();
     // Not under sendLock_: the hook runs on the peer's thread, which this send waits for.
     for (int task = first; task < first + window; ++task) send(task, 5);
-    if (!answers_.waitFor(before + orders_)) fail("orders left unanswered");
+    if (!answers_.waitFor(before + orders)) fail("orders left unanswered");
     const double elapsed = seconds(answers_.last() - start);
     const CpuTimes cpuAfter = cpuTimes(pid_);
     answers_.onAnswer(nullptr);
-    const double checksPerSecond = orders_ / elapsed;
+    return {orders / elapsed, (cpuAfter.own - cpuBefore.own) / orders,
+            (cpuAfter.children - cpuBefore.children) / orders};
+  }
+
+  void inFlight(int window) {
+    const Measure measured = measureInFlight(window, orders_);
     rows_.push_back(
-        {std::to_string(window) + " in flight", rate(checksPerSecond), ratio(checksPerSecond)});
+        {std::to_string(window) + " in flight", rate(measured.rate), ratio(measured.rate)});
     rows_.push_back({"  agent CPU per check, own / children",
-                     microseconds((cpuAfter.own - cpuBefore.own) / orders_) + " / " +
-                         microseconds((cpuAfter.children - cpuBefore.children) / orders_),
-                     ""});
+                     microseconds(measured.ownCpu) + " / " + microseconds(measured.childCpu), ""});
   }
 
   // One order at a time on one pool's lane.
@@ -362,12 +478,14 @@ class Bench {
     std::printf("qavel-client against the in-process peer, %s 0 OK, thread=2, %d orders a row\n",
                 kPlugin, orders_);
     for (const Row& row : rows_)
-      std::printf("%-42s %-36s %s\n", row.name.c_str(), row.value.c_str(), row.note.c_str());
+      std::printf("%-46s %-36s %s\n", row.name.c_str(), row.value.c_str(), row.note.c_str());
   }
 
   const int orders_;
   qavel::QavelServer* server_ = nullptr;
   Answers answers_;
+  Registrations registrations_;
+  int agents_ = 0;  // started so far
   pid_t pid_ = -1;
   int nextTask_ = 1;
   std::mutex sendLock_;
