@@ -675,9 +675,10 @@ void on_message(std::weak_ptr<void> /*hdl*/, std::string message) {
       if (qavel.getQAVELParameter("STATUS") != "0") {
         logLine(2, "BAD register status receive by server (quit): ");
         agentExit(0);
+      } else {
+        registered = true;
+        if (metricsFile* const writer = metricsWriter.load()) writer->poke();
       }
-      registered = true;
-      if (metricsFile* const writer = metricsWriter.load()) writer->poke();
     } else if (command == "EXEC") {
       metrics.countOrder();
       int identifier = 0;
