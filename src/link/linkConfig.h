@@ -47,7 +47,8 @@ struct LinkConfig : websocketpp::config::asio_tls_client {
     // The library reads these each time it arms a step's timer, always on the thread that runs
     // its loop: thread_local makes them the setting of that loop, so each endpoint sets its own
     // on its own network thread, and a thread that never sets them keeps the library's values.
-    static inline thread_local long timeout_dns_resolve = base::transport_config::timeout_dns_resolve;
+    static inline thread_local long timeout_dns_resolve =
+        base::transport_config::timeout_dns_resolve;
     static inline thread_local long timeout_connect = base::transport_config::timeout_connect;
     static inline thread_local long timeout_socket_post_init =
         base::transport_config::timeout_socket_post_init;

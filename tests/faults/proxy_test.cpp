@@ -67,8 +67,8 @@ class Squid {
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);  // with its helpers
-    const int failed = posix_spawnp(&pid_, "squid", nullptr, &attributes,
-                                    const_cast<char* const*>(argv), environ);
+    const int failed =
+        posix_spawnp(&pid_, "squid", nullptr, &attributes, const_cast<char* const*>(argv), environ);
     posix_spawnattr_destroy(&attributes);
     if (failed != 0) throw std::runtime_error("cannot start squid: " + std::to_string(failed));
     if (!eventually([this] { return accepts(); }))
@@ -180,8 +180,8 @@ TEST_P(ProxyTest, LinkOpensThroughTheProxyOrSaysWhyNot) {
     EXPECT_TRUE(logHas(kLinkFailure + "Error sending message: "));
     EXPECT_FALSE(answers_.waitForRegister(std::chrono::seconds(0)));
   }
-  for (const std::string& shown : {sandbox_->log(), sandbox_->readFile("status"),
-                                   sandbox_->output() + sandbox_->errors()})
+  for (const std::string& shown :
+       {sandbox_->log(), sandbox_->readFile("status"), sandbox_->output() + sandbox_->errors()})
     EXPECT_EQ(shown.find("s3cr"), std::string::npos) << shown;
 }
 
