@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "src/client/agentSettings.h"
 #include "src/common/iniConfig.h"
 #include "tests/common/tempDirTest.h"
 
@@ -209,19 +210,32 @@ TEST_F(ConfigCheckTest, UnusableConfigurationIsOneLine) {
 }
 
 // The key reader takes the first line of a section that holds the key's text anywhere: in the
-// shipped sample, every key must be read from its own line, and every key the agent knows is on.
-TEST(SampleConfiguration, EveryKeyIsOnAndReadFromItsOwnLine) {
+// shipped sample, every key must be read from its own line, and every key the agent knows is on,
+// or shown commented out as an example that reads right and is usable once it is put in force.
+using SampleConfiguration = TempDirTest;
+
+TEST_F(SampleConfiguration, EveryKeyIsOnAndReadFromItsOwnLine) {
   const std::vector<std::pair<std::string, std::vector<std::string>>> known = {
       {"LOG", {"info", "log_file", "lastExec"}},
       {"SSL", {"cafile", "local_cert", "verify_server", "client_key"}},
       {"NIVO",
        {"plugin_list", "plugin_dir", "server_url", "ip_command", "thread", "plugin_timeout",
-        "max_output", "max_workers", "open_timeout", "unknown_on_failure", "pong_timeout"}},
+        "max_output", "max_workers", "open_timeout", "unknown_on_failure", "pong_timeout",
+        "proxy_url", "fallback_urls"}},
   };
-  iniConfig sample(NIVO_SAMPLE_CONFIG);
+  std::ostringstream shipped;
+  shipped << std::ifstream(NIVO_SAMPLE_CONFIG).rdbuf();
+  std::string text = shipped.str();
+  for (const std::string example : {"proxy_url=", "fallback_urls="}) {
+    const std::size_t at = text.find("\n#" + example);
+    ASSERT_NE(at, std::string::npos) << "no example #" << example;
+    text.erase(at + 1, 1);
+  }
+  writeFile("sample.conf", text);
+  iniConfig sample(path("sample.conf"));
   for (const auto& [section, keys] : known) {
     const std::map<std::string, std::string> lines =
-        iniConfig(NIVO_SAMPLE_CONFIG).getSection(section);
+        iniConfig(path("sample.conf")).getSection(section);
     for (const std::string& key : keys) {
       SCOPED_TRACE(section + "/" + key);
       const auto own = lines.find(key);
@@ -230,6 +244,11 @@ TEST(SampleConfiguration, EveryKeyIsOnAndReadFromItsOwnLine) {
       EXPECT_EQ(sample.getKey(section, key), own->second);
     }
   }
+  std::vector<std::string> problems;
+  const AgentSettings settings = readAgentSettings(sample, problems);
+  EXPECT_TRUE(settings.proxy);
+  EXPECT_EQ(settings.fallbackUrls.size(), 2u);
+  for (const std::string& problem : problems) EXPECT_EQ(problem.find("_url"), std::string::npos);
 }
 
 }  // namespace
