@@ -26,52 +26,44 @@ TEST_F(OpenTimeoutTest, OpenSlowerThanTheWaitIsGivenUpOn) {
   EXPECT_FALSE(logHas("REGISTER SUCCESS"));
 }
 
-// Holds each connection `delay` before it connects it to `target` and relays both ways.
-class DelayingRelay : public LoopbackListener {
- public:
-  DelayingRelay(std::uint16_t target, std::chrono::seconds delay) : target_(target), delay_(delay) {
-    start();
-  }
-  ~DelayingRelay() override { stop(); }
+// Bytes from `from` to `to` until `from` ends.
+void pump(const LoopbackListener::Socket& from, const LoopbackListener::Socket& to) {
+  auto bytes = std::make_shared<std::array<char, 16384>>();
+  from->async_read_some(
+      boost::asio::buffer(*bytes), [from, to, bytes](boost::system::error_code ec, size_t size) {
+        if (ec) {
+          to->shutdown(boost::asio::ip::tcp::socket::shutdown_send, ec);
+          return;
+        }
+        boost::asio::async_write(*to, boost::asio::buffer(*bytes, size),
+                                 [from, to, bytes](boost::system::error_code failed, size_t) {
+                                   if (!failed) pump(from, to);
+                                 });
+      });
+}
 
- private:
-  void serve(Socket agent) override {
-    auto timer = std::make_shared<boost::asio::steady_timer>(io_, delay_);
-    timer->async_wait([this, agent, timer](boost::system::error_code ec) {
-      auto server = std::make_shared<boost::asio::ip::tcp::socket>(io_);
+// Holds each connection `delay` before it connects it to `port` and relays both ways.
+LoopbackListener::Serve delayingRelay(std::uint16_t port, std::chrono::seconds delay) {
+  return [port, delay](LoopbackListener::Socket agent, boost::asio::io_context& io) {
+    auto timer = std::make_shared<boost::asio::steady_timer>(io, delay);
+    auto server = std::make_shared<boost::asio::ip::tcp::socket>(io);
+    timer->async_wait([agent, server, timer, port](boost::system::error_code ec) {
       if (!ec)
-        server->async_connect({boost::asio::ip::address_v4::loopback(), target_},
+        server->async_connect({boost::asio::ip::address_v4::loopback(), port},
                               [agent, server](boost::system::error_code failed) {
                                 if (failed) return;
                                 pump(agent, server);
                                 pump(server, agent);
                               });
     });
-  }
-  static void pump(const Socket& from, const Socket& to) {
-    auto bytes = std::make_shared<std::array<char, 16384>>();
-    from->async_read_some(
-        boost::asio::buffer(*bytes), [from, to, bytes](boost::system::error_code ec, size_t size) {
-          if (ec) {
-            to->shutdown(boost::asio::ip::tcp::socket::shutdown_send, ec);
-            return;
-          }
-          boost::asio::async_write(*to, boost::asio::buffer(*bytes, size),
-                                   [from, to, bytes](boost::system::error_code failed, size_t) {
-                                     if (!failed) pump(from, to);
-                                   });
-        });
-  }
-
-  const std::uint16_t target_;
-  const std::chrono::seconds delay_;
-};
+  };
+}
 
 // The server's TLS handshake starts 8 s after the agent's TCP connection, past WebSocket++'s own
 // 5 s for a handshake: the link opens within open_timeout all the same.
 TEST_F(OpenTimeoutTest, SlowTlsHandshakeOpensWithinTheWait) {
   startServer();
-  DelayingRelay relay(server_->port(), seconds(8));
+  LoopbackListener relay(delayingRelay(server_->port(), seconds(8)));
   sandbox_->setKey("NIVO", "server_url", "wss://127.0.0.1:" + std::to_string(relay.port()));
   sandbox_->setKey("NIVO", "open_timeout", "20");
   sandbox_->start();
