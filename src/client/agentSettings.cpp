@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <sstream>
+
 #include "src/common/iniConfig.h"
 
 namespace {
@@ -40,6 +42,33 @@ class KeyReader {
   }
 
   bool flag(const char* section, const char* key) { return count(section, key, 1) == 1; }
+
+  // The proxy, or nullopt (with a problem line when the key is set).
+  std::optional<ProxyUrl> proxy(const char* section, const char* key, std::string& text) {
+    text = config_.getKey(section, key);
+    if (text.empty()) return std::nullopt;
+    std::string why;
+    std::optional<ProxyUrl> proxy = ProxyUrl::parse(text, why);
+    if (!proxy)
+      problems_.push_back(std::string(section) + "/" + key + ": '" + masked(text) +
+                          "' is not http://[USER:PASSWORD@]HOST:PORT: " + why +
+                          "; the link is not opened without it");
+    return proxy;
+  }
+
+  // The server URLs separated by blanks; one that cannot be used is left out, with a problem line.
+  std::vector<std::string> serverUrls(const char* section, const char* key) {
+    std::istringstream words(config_.getKey(section, key));
+    std::vector<std::string> urls;
+    for (std::string url; words >> url;) {
+      if (isServerUrl(url))
+        urls.push_back(url);
+      else
+        problems_.push_back(std::string(section) + "/" + key + ": '" + url +
+                            "' is not wss://HOST:PORT; it is skipped");
+    }
+    return urls;
+  }
 
   // The path, with a problem line when it names no readable file. The path is kept all the same:
   // a client key that is asked for and missing must stop the link, not let it go without one.
@@ -81,5 +110,13 @@ AgentSettings readAgentSettings(iniConfig& config, std::vector<std::string>& pro
   // A file that cannot be read ends the agent at start-up and refuses a reload: never unchecked.
   settings.pluginRules = config.getKey("NIVO", "plugin_rules");
   settings.maxQueue = static_cast<int>(keys.count("NIVO", "max_queue", kMaxQueue));
+  settings.proxy = keys.proxy("NIVO", "proxy_url", settings.proxyUrl);
+  settings.fallbackUrls = keys.serverUrls("NIVO", "fallback_urls");
   return settings;
+}
+
+bool isServerUrl(const std::string& url) {
+  const std::string scheme = "wss://";
+  return url.compare(0, scheme.size(), scheme) == 0 && url.size() > scheme.size() &&
+         url.find_first_of(" \t\r") == std::string::npos;
 }

@@ -3,12 +3,17 @@
 // has. A value that is not a number leaves its key off; a
 // key file that cannot be read is kept, so that the link refuses to start without it. Either is
 // reported as one line naming the key, which the agent logs at WARNING level and `--check-config`
-// prints.
+// prints. A proxy_url that cannot be used is kept too, so that the link refuses to start rather
+// than go around the proxy; a fallback URL that cannot be used is skipped. No line holds a proxy's
+// password.
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "src/link/proxyUrl.h"
 
 class iniConfig;
 
@@ -27,7 +32,14 @@ struct AgentSettings {
   int pongTimeout = 30;           // pong_timeout: seconds a ping waits for its pong; 0 off
   std::string pluginRules;        // plugin_rules: the file of what each plugin may run with
   int maxQueue = 0;               // max_queue: orders that may wait in the two pools together
+  std::string proxyUrl;           // proxy_url: as written, password included
+  std::optional<ProxyUrl> proxy;  // proxy_url read; nullopt when absent or unusable
+  std::vector<std::string> fallbackUrls;  // fallback_urls: servers tried after server_url
 };
+
+// True for a text the link can be given as a server's URL: "wss://", something after it, and no
+// blank, tab or CR.
+bool isServerUrl(const std::string& url);
 
 // Reads every key above from `config`; what is wrong is appended to `problems`, one line a key.
 AgentSettings readAgentSettings(iniConfig& config, std::vector<std::string>& problems);

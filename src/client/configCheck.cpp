@@ -300,11 +300,7 @@ class Checker {
       std::getline(file, address);
       url = "wss://" + address;
     }
-    const std::string scheme = "wss://";
-    if (url.compare(0, scheme.size(), scheme) != 0 || url.size() == scheme.size() ||
-        url.find_first_of(" \t\r") != std::string::npos) {
-      add(label + ": '" + visible(url) + "' is not wss://HOST:PORT");
-    }
+    if (!isServerUrl(url)) add(label + ": '" + visible(url) + "' is not wss://HOST:PORT");
   }
 
   void checkIpCommand() {

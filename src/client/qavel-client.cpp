@@ -53,6 +53,7 @@ int receiveResponse = 0;
 namespace {
 
 constexpr auto kRegisterPause = std::chrono::milliseconds(600);
+constexpr std::chrono::seconds kWatchedOpenLimit{10};
 constexpr auto kPingInterval = std::chrono::seconds(40);
 const char* const kServerUrlFile = "/tmp/nivo/server_url";
 const char* const kStopText = "stop qavel client... SIGTERM: ";
@@ -154,23 +155,73 @@ void pause(std::chrono::milliseconds duration) {
   }
 }
 
-// Until the link has opened or failed, at most `limit`; a stop still ends the agent at once. The
-// endpoint wakes the main thread when the link opens or fails.
-void awaitLinkOpen(std::chrono::seconds limit) {
-  const auto end = std::chrono::steady_clock::now() + limit;
+// Until the link has opened or failed, at most until `deadline`; a stop still ends the agent at
+// once. The endpoint wakes the main thread when the link opens or fails. True once open.
+bool awaitLinkOpen(std::chrono::steady_clock::time_point deadline) {
   while (endpoint->linkState() == WSSEndpoint::LinkState::Opening) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        end - std::chrono::steady_clock::now());
-    if (left.count() <= 0) {
-      fileLog->write(4, "NIVO link not open after " + std::to_string(limit.count()) + " s");
-      return;
-    }
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
     stopSignal::sleepFor(left);
     leaveIfStopped();
   }
+  return endpoint->linkState() == WSSEndpoint::LinkState::Open;
 }
 
-// The link's keys; a client key that cannot be used throws here, before anything is sent.
+// With a proxy or fallback servers each opening is awaited, and each that fails is said, URL and
+// why: a fleet behind a proxy or failing over must show where its link went and why not.
+bool watchEachOpening() { return agentSettings.proxy || !agentSettings.fallbackUrls.empty(); }
+
+// The time an opening gets, from the connect to the open: open_timeout; without it, 10 s when
+// each opening is watched; else 0: REGISTER goes out after the pause, open or not.
+std::chrono::seconds openLimit() {
+  if (agentSettings.openTimeout > 0) return std::chrono::seconds(agentSettings.openTimeout);
+  return watchEachOpening() ? kWatchedOpenLimit : std::chrono::seconds(0);
+}
+
+void reportUnopened(const std::string& url, const std::string& why) {
+  const std::string through = agentSettings.proxy ? " through " + agentSettings.proxy->shown : "";
+  fileLog->write(4, "NIVO link to " + url + through + " not opened: " + why);
+}
+
+// Opens the link to server_url, then, while an opening fails, to each fallback server in turn:
+// the first that opens carries the whole run. Once none has, REGISTER follows on the link as it
+// is and fails there, which ends the agent as any failed opening always has.
+void openLink(const std::string& serverUrl) {
+  const std::chrono::seconds limit = openLimit();
+  std::vector<std::string> urls{serverUrl};
+  urls.insert(urls.end(), agentSettings.fallbackUrls.begin(), agentSettings.fallbackUrls.end());
+  endpoint->setCallbackFctOnMessage(on_message);
+  for (std::size_t tried = 0; tried < urls.size(); ++tried) {
+    const std::string& url = urls[tried];
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    try {
+      endpoint->connect(url);
+    } catch (const WSSEndpointException& e) {
+      if (!watchEachOpening()) throw;
+      reportUnopened(url, e.what());
+      continue;
+    }
+    if (tried == 0) pause(kRegisterPause);
+    if (limit.count() == 0 || awaitLinkOpen(deadline)) {
+      if (tried > 0) fileLog->write(2, "NIVO link open to " + url);
+      return;
+    }
+    const bool timedOut = endpoint->linkState() == WSSEndpoint::LinkState::Opening;
+    if (!watchEachOpening()) {
+      if (timedOut)
+        fileLog->write(4, "NIVO link not open after " + std::to_string(limit.count()) + " s");
+      return;
+    }
+    const std::string failure = endpoint->openingFailure();
+    reportUnopened(url, timedOut          ? "no open within " + std::to_string(limit.count()) + " s"
+                        : failure.empty() ? "closed as it opened"
+                                          : failure);
+  }
+}
+
+// The link's keys; a client key or a proxy that cannot be used throws here, before anything is
+// sent.
 LinkOptions linkOptions() {
   LinkOptions options;
   options.verifyServer = agentSettings.verifyServer;
@@ -180,6 +231,15 @@ LinkOptions linkOptions() {
     options.clientKey = agentSettings.clientKey;
   }
   options.pongTimeout = std::chrono::seconds(agentSettings.pongTimeout);
+  if (!agentSettings.proxyUrl.empty() && !agentSettings.proxy)
+    throw WSSEndpointException("proxy_url " + masked(agentSettings.proxyUrl) +
+                               " cannot be used: the link is not opened around it");
+  options.proxy = agentSettings.proxy;
+  // With open_timeout alone too: the library's 5 s for a step would cut a slow link short. 0
+  // without any of these keys leaves the library its own limits, though lifting them would not
+  // show either: REGISTER then goes out 0.6 s after the connect and ends the agent on a link that
+  // is not open, whatever the steps still pending.
+  options.openingStepLimit = openLimit();
   // A link ended for want of a pong wakes the main loop, whose ping then fails at once.
   options.onLinkEvent = stopSignal::wake;
   return options;
@@ -411,10 +471,7 @@ void runAgent() {
   status.write("REGISTERING", "NONE");
   endpoint = new WSSEndpoint(fileLog);
   endpoint->setOptions(linkOptions());
-  endpoint->connect(url);
-  endpoint->setCallbackFctOnMessage(on_message);
-  pause(kRegisterPause);
-  if (agentSettings.openTimeout > 0) awaitLinkOpen(std::chrono::seconds(agentSettings.openTimeout));
+  openLink(url);
 
   endpoint->registerQAVEL(NIVO_SN, identity.ip, identity.mac);
   fileLog->write(1, "REGISTER SUCCESS");

@@ -198,9 +198,40 @@ WSSEndpoint::WSSEndpoint(logFile* log) : log_(log) {
 void WSSEndpoint::setUp() {
   endpoint_.clear_access_channels(websocketpp::log::alevel::all);
   endpoint_.clear_error_channels(websocketpp::log::elevel::all);
+  endpoint_.get_elog().setInfoSink([this](const std::string& text) { note(text); });
   endpoint_.init_asio();
   endpoint_.start_perpetual();
-  thread_ = std::make_shared<std::thread>([this] { endpoint_.run(); });
+  thread_ = std::make_shared<std::thread>([this] { runLoop(); });
+}
+
+void WSSEndpoint::runLoop() {
+  for (;;) {
+    std::string what = "unknown exception";
+    try {
+      endpoint_.run();
+      return;
+    } catch (const std::exception& e) {
+      what = e.what();
+    } catch (...) {
+    }
+    // Asio lets the loop be run again after a handler threw, without a restart.
+    try {
+      onLoopFailure(what);
+    } catch (...) {
+      // Nothing may end the network thread but the end of its work.
+    }
+  }
+}
+
+// WebSocket++ does not catch a parse error of a proxy's reply (a malformed status or header line):
+// it leaves the loop, and the connection that read it goes with the handler that held it, without
+// a fail handler. While a tunnel is being opened, that is the opening's failure.
+void WSSEndpoint::onLoopFailure(const std::string& what) {
+  if (state_ == LinkState::Opening && options_.proxy && !secured_) {
+    settle(LinkState::Ended, "the proxy answered something that is not an HTTP reply: " + what);
+  } else {
+    Trace(4, "network loop: " + what);
+  }
 }
 
 WSSEndpoint::~WSSEndpoint() {
@@ -248,35 +279,152 @@ int WSSEndpoint::connect(const std::string& uri) {
     // The TLS context is made while the connection is created, before it knows its URI.
     const websocketpp::uri parsed(uri);
     host_ = parsed.get_valid() ? parsed.get_host() : std::string();
+    const std::uint64_t attempt = beginAttempt();
     websocketpp::lib::error_code ec;
-    const client::connection_ptr con = endpoint_.get_connection(uri, ec);
+    // WebSocket++ writes the CONNECT target as host:port, which for an IPv6 address no proxy
+    // understands; a host given with its brackets keeps them there (and in the Host header).
+    const bool bracketed = options_.proxy && host_.find(':') != std::string::npos;
+    const client::connection_ptr con =
+        bracketed ? endpoint_.get_connection(std::make_shared<websocketpp::uri>(
+                                                 parsed.get_secure(), "[" + host_ + "]",
+                                                 parsed.get_port(), parsed.get_resource()),
+                                             ec)
+                  : endpoint_.get_connection(uri, ec);
     if (ec) {
       fail("connect function initialization error: " + ec.message());
     }
     con->add_subprotocol("qavel");
-    con->set_message_handler([this](websocketpp::connection_hdl hdl, client::message_ptr msg) {
-      on_message(std::move(hdl), std::move(msg));
+    con->set_message_handler(
+        [this, attempt](websocketpp::connection_hdl hdl, client::message_ptr msg) {
+          if (current(attempt)) on_message(std::move(hdl), std::move(msg));
+        });
+    con->set_open_handler([this, attempt](websocketpp::connection_hdl hdl) {
+      if (current(attempt)) {
+        settle(LinkState::Open);
+      } else {
+        websocketpp::lib::error_code ignored;
+        endpoint_.close(hdl, websocketpp::close::status::going_away, "", ignored);
+      }
     });
-    con->set_open_handler([this](websocketpp::connection_hdl) {
-      state_ = LinkState::Open;
-      announceLinkEvent();
+    con->set_fail_handler([this, attempt](websocketpp::connection_hdl hdl) {
+      websocketpp::lib::error_code gone;
+      const client::connection_ptr failed = endpoint_.get_con_from_hdl(hdl, gone);
+      if (current(attempt) && !gone) settle(LinkState::Ended, describeFailure(failed));
     });
-    con->set_fail_handler([this](websocketpp::connection_hdl) {
-      state_ = LinkState::Ended;
-      announceLinkEvent();
+    con->set_close_handler([this, attempt](websocketpp::connection_hdl) {
+      if (current(attempt)) state_ = LinkState::Ended;
     });
-    con->set_close_handler([this](websocketpp::connection_hdl) { state_ = LinkState::Ended; });
+    con->set_tcp_pre_init_handler([this, attempt](websocketpp::connection_hdl) {
+      if (current(attempt)) tcpConnected_ = true;
+    });
+    con->set_tcp_post_init_handler([this, attempt](websocketpp::connection_hdl) {
+      if (current(attempt)) secured_ = true;
+    });
     if (options_.pongTimeout.count() > 0) {
       con->set_pong_timeout(static_cast<long>(options_.pongTimeout.count()));
-      con->set_pong_timeout_handler(
-          [this](websocketpp::connection_hdl hdl, std::string) { onPongTimeout(std::move(hdl)); });
+      con->set_pong_timeout_handler([this, attempt](websocketpp::connection_hdl hdl, std::string) {
+        if (current(attempt)) onPongTimeout(std::move(hdl));
+      });
     }
+    if (const long limit = static_cast<long>(options_.openingStepLimit.count()); limit > 0) {
+      con->set_open_handshake_timeout(limit);
+    }
+    if (options_.proxy) useProxy(*con);
     hdl_ = con->get_handle();
     state_ = LinkState::Opening;
     endpoint_.connect(con);
     Trace(0, "end connect function: ");
     return 0;
   });
+}
+
+// Each call replaces what the one before set: the address first, then the credentials and the
+// time limit.
+void WSSEndpoint::useProxy(client::connection_type& con) {
+  const ProxyUrl& proxy = *options_.proxy;
+  websocketpp::lib::error_code ec;
+  con.set_proxy(proxy.address, ec);
+  if (!ec && !proxy.user.empty()) con.set_proxy_basic_auth(proxy.user, proxy.password, ec);
+  if (!ec && options_.openingStepLimit.count() > 0)
+    con.set_proxy_timeout(static_cast<long>(options_.openingStepLimit.count()), ec);
+  if (ec) fail("proxy " + proxy.shown + ": " + ec.message());
+}
+
+std::uint64_t WSSEndpoint::beginAttempt() {
+  websocketpp::lib::error_code gone;
+  const client::connection_ptr before = endpoint_.get_con_from_hdl(hdl_, gone);
+  if (!gone && before->get_state() == websocketpp::session::state::open) {
+    websocketpp::lib::error_code ignored;
+    before->close(websocketpp::close::status::going_away, "", ignored);
+  }
+  // One still opening is left to the steps' own limits, which end it soon: its handlers are
+  // already stale, and cutting it short from outside would race with its pending operations.
+  tcpConnected_ = false;
+  secured_ = false;
+  note_.clear();
+  proxyRefusal_.clear();
+  failure_.clear();
+  LinkConfig::transport_config::limitOpeningSteps(options_.openingStepLimit);
+  return ++attempt_;
+}
+
+void WSSEndpoint::settle(LinkState outcome, const std::string& failure) {
+  if (state_ != LinkState::Opening) return;
+  failure_ = failure;
+  state_ = outcome;
+  announceLinkEvent();
+}
+
+std::string WSSEndpoint::openingFailure() const {
+  return state_ == LinkState::Ended ? failure_ : std::string();
+}
+
+// Notes are not tied to a connection: one of an attempt given up on may land here too, which at
+// worst words a failure less well.
+void WSSEndpoint::note(const std::string& text) {
+  // A caller that borrows the thread (see CallbackLoan) acts on an open link, never an opening.
+  if (std::this_thread::get_id() != thread_->get_id()) return;
+  const std::string refusal = "Proxy connection error: ";
+  // The shutdown that follows a failure says nothing of its cause.
+  const std::string shutdown = "asio async_shutdown";
+  if (text.rfind(refusal, 0) == 0)
+    proxyRefusal_ = text.substr(refusal.size());
+  else if (note_.empty() && text.rfind(shutdown, 0) != 0)
+    note_ = text;
+}
+
+namespace {
+
+// The reason in a library note "<step> error: <category>:<code> (<reason>)"; other notes as they
+// are.
+std::string noteReason(const std::string& note) {
+  const std::string marker = " error: ";
+  const std::size_t error = note.find(marker);
+  if (error == std::string::npos) return note;
+  const std::string detail = note.substr(error + marker.size());
+  const std::size_t open = detail.find(" (");
+  const bool coded = open != std::string::npos && detail.back() == ')' && detail.find(':') < open &&
+                     detail.find(' ') == open;
+  return coded ? detail.substr(open + 2, detail.size() - open - 3) : detail;
+}
+
+}  // namespace
+
+std::string WSSEndpoint::describeFailure(const client::connection_ptr& con) const {
+  const websocketpp::lib::error_code ec = con->get_ec();
+  std::string why = ec.message();
+  if (!note_.empty()) why += ": " + noteReason(note_);
+  if (const int status = con->get_response_code(); status != 0)
+    why += " (the server answered " + std::to_string(status) + " " + con->get_response_msg() + ")";
+  if (!options_.proxy || secured_ ||
+      ec.category() == websocketpp::transport::asio::socket::get_socket_category())
+    return why;
+  // Before TLS is up through the tunnel, a failure other than TLS's own is the proxy's.
+  if (ec == websocketpp::transport::asio::error::make_error_code(
+                websocketpp::transport::asio::error::proxy_failed))
+    return proxyRefusal_.empty() ? "the proxy refused the tunnel"
+                                 : "the proxy answered " + proxyRefusal_;
+  return (tcpConnected_ ? "the proxy opened no tunnel: " : "cannot reach the proxy: ") + why;
 }
 
 void WSSEndpoint::setCallbackFctOnMessage(MessageCallback callback) {
@@ -341,9 +489,12 @@ bool WSSEndpoint::verifyCertificate(bool preverified, boost::asio::ssl::verify_c
     X509_NAME_oneline(X509_get_subject_name(certificate), name, sizeof name);
     subject = name;
   }
-  Trace(4, std::string("server certificate refused: ") +
-               X509_verify_cert_error_string(X509_STORE_CTX_get_error(store)) + " (depth " +
-               std::to_string(X509_STORE_CTX_get_error_depth(store)) + ", " + subject + ")");
+  const std::string refusal = std::string("server certificate refused: ") +
+                              X509_verify_cert_error_string(X509_STORE_CTX_get_error(store)) +
+                              " (depth " + std::to_string(X509_STORE_CTX_get_error_depth(store)) +
+                              ", " + subject + ")";
+  Trace(4, refusal);
+  note(refusal);
   return false;
 }
 

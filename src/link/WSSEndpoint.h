@@ -1,13 +1,14 @@
 // The agent's one secure WebSocket client link, with its own network thread. It offers the "qavel"
 // subprotocol (TLS 1.1 and later only), hands every inbound frame to one callback on the network
 // thread and raises WSSEndpointException on failure. By default it verifies nothing and awaits no
-// pong; LinkOptions turn on the server's verification, a client certificate and the pong timeout.
+// pong; LinkOptions turn on the server's verification, a client certificate, the pong timeout, an
+// HTTP proxy and a time limit for the opening. connect may be called again to try another URL:
+// the connection given up on can no longer change the link's state or reach the callback.
 // send/ping/close may be called from any thread: each runs on the network thread and waits (see
 // onNetworkThread in the .cpp for why, and for calls made while the callback runs).
 #pragma once
 
 #include <websocketpp/client.hpp>
-#include <websocketpp/config/asio_client.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -16,11 +17,14 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
 #include "src/common/logFile.h"
 #include "src/common/messageException.h"
+#include "src/link/linkConfig.h"
+#include "src/link/proxyUrl.h"
 
 class WSSEndpointException : public MessageException {
  public:
@@ -38,6 +42,13 @@ struct LinkOptions {
   std::string clientKey;
   // A ping whose pong has not come back within this time ends the link at once; 0: not awaited.
   std::chrono::milliseconds pongTimeout{0};
+  // Set: the link is opened through an HTTP CONNECT tunnel of this proxy; TLS runs through it end
+  // to end, so the checks above concern the server, never the proxy.
+  std::optional<ProxyUrl> proxy;
+  // Each step of an opening (name resolution, TCP connect, the proxy's CONNECT, the TLS and the
+  // WebSocket handshakes) may take this long; 0: the library's own 5 s each. The whole opening is
+  // bounded by the caller, who gives up on it and calls connect again or ends.
+  std::chrono::milliseconds openingStepLimit{0};
   // Called on the network thread when the link opens or fails to open, and when it is ended for
   // want of a pong; it must not call back into the endpoint.
   void (*onLinkEvent)() = nullptr;
@@ -47,7 +58,7 @@ class WSSEndpoint {
  public:
   enum class LinkState { Idle, Opening, Open, Ended };
 
-  using client = websocketpp::client<websocketpp::config::asio_tls_client>;
+  using client = websocketpp::client<LinkConfig>;
   using MessageCallback = void (*)(std::weak_ptr<void>, std::string);
 
   WSSEndpoint();
@@ -60,10 +71,14 @@ class WSSEndpoint {
   // Before connect. Loads the client certificate and key once to check them: a missing file or a
   // key that does not match its certificate throws here rather than on the network thread later.
   void setOptions(LinkOptions options);
+  // Starts opening the link to `uri`; called again, it gives up on the connection before.
   int connect(const std::string& uri);
   // Idle before connect, Opening until the link opens (Open), then Ended once it has failed,
   // closed or been ended; from any thread.
   LinkState linkState() const { return state_; }
+  // Why the latest opening failed, once linkState() is Ended without having been Open; empty
+  // otherwise. From any thread, until the next connect.
+  std::string openingFailure() const;
   void setCallbackFctOnMessage(MessageCallback callback);
   // Virtual so that a test can record what the agent sends instead of sending it.
   virtual void send(std::string text);
@@ -77,6 +92,21 @@ class WSSEndpoint {
 
  private:
   void setUp();
+  // The network thread: the I/O loop, kept running when a handler throws out of it.
+  void runLoop();
+  void onLoopFailure(const std::string& what);
+  // The connection being opened or open is this attempt's; the handlers of an older one find
+  // they are not and leave the link alone.
+  bool current(std::uint64_t attempt) const { return attempt == attempt_; }
+  // A new attempt: the one before is given up on (a link it opened meanwhile is closed).
+  std::uint64_t beginAttempt();
+  // The outcome of the current attempt, once: Open, or Ended with why it failed.
+  void settle(LinkState outcome, const std::string& failure = "");
+  std::string describeFailure(const client::connection_ptr& con) const;
+  void useProxy(client::connection_type& con);
+  // What the library says on its info channel while an attempt runs: a proxy's refusal, and the
+  // first other note of the attempt as the cause of a failure. Network thread only.
+  void note(const std::string& text);
   // Trace(level, the parts joined), the text built only when the log writes the line.
   template <typename... Parts>
   void traceJoined(int level, const Parts&... parts) {
@@ -112,6 +142,14 @@ class WSSEndpoint {
   LinkOptions options_;  // network thread, once connect has been called
   std::string host_;     // of the URI being connected; network thread
   std::atomic<LinkState> state_{LinkState::Idle};
+  // Of the current attempt, on the network thread. failure_ is written before state_ becomes
+  // Ended, and read by other threads only after they have seen Ended.
+  std::uint64_t attempt_ = 0;
+  bool tcpConnected_ = false;  // to the server, or to the proxy
+  bool secured_ = false;       // TLS is up, through the tunnel if there is one
+  std::string note_;
+  std::string proxyRefusal_;  // "407 (Proxy Authentication Required)"
+  std::string failure_;
   logFile* log_ = nullptr;                      // not owned; must outlive the endpoint
   [[maybe_unused]] std::int32_t status_ = 254;  // no operation reads it yet
   // While the network thread is inside the message callback, it touches no connection state:

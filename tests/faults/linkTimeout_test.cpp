@@ -1,7 +1,10 @@
 // The link's time limits, end to end: NIVO/open_timeout lets REGISTER wait for a link that opens
 // slowly, NIVO/pong_timeout ends a link whose server no longer answers. Without open_timeout,
 // REGISTER goes out 0.6 s after the connect, open or not, as it always has.
+#include <array>
+
 #include "tests/faults/faultTest.h"
+#include "tests/faults/loopbackListener.h"
 
 namespace agentTest {
 namespace {
@@ -21,6 +24,52 @@ TEST_F(OpenTimeoutTest, OpenSlowerThanTheWaitIsGivenUpOn) {
   EXPECT_TRUE(logHas("#ERRORS#NIVO link not open after 1 s"));
   EXPECT_TRUE(logHas(kLinkFailure + "Error sending message: invalid state\n"));
   EXPECT_FALSE(logHas("REGISTER SUCCESS"));
+}
+
+// Bytes from `from` to `to` until `from` ends.
+void pump(const LoopbackListener::Socket& from, const LoopbackListener::Socket& to) {
+  auto bytes = std::make_shared<std::array<char, 16384>>();
+  from->async_read_some(
+      boost::asio::buffer(*bytes), [from, to, bytes](boost::system::error_code ec, size_t size) {
+        if (ec) {
+          to->shutdown(boost::asio::ip::tcp::socket::shutdown_send, ec);
+          return;
+        }
+        boost::asio::async_write(*to, boost::asio::buffer(*bytes, size),
+                                 [from, to, bytes](boost::system::error_code failed, size_t) {
+                                   if (!failed) pump(from, to);
+                                 });
+      });
+}
+
+// Holds each connection `delay` before it connects it to `port` and relays both ways.
+LoopbackListener::Serve delayingRelay(std::uint16_t port, std::chrono::seconds delay) {
+  return [port, delay](LoopbackListener::Socket agent, boost::asio::io_context& io) {
+    auto timer = std::make_shared<boost::asio::steady_timer>(io, delay);
+    auto server = std::make_shared<boost::asio::ip::tcp::socket>(io);
+    timer->async_wait([agent, server, timer, port](boost::system::error_code ec) {
+      if (!ec)
+        server->async_connect({boost::asio::ip::address_v4::loopback(), port},
+                              [agent, server](boost::system::error_code failed) {
+                                if (failed) return;
+                                pump(agent, server);
+                                pump(server, agent);
+                              });
+    });
+  };
+}
+
+// The server's TLS handshake starts 8 s after the agent's TCP connection, past WebSocket++'s own
+// 5 s for a handshake: the link opens within open_timeout all the same.
+TEST_F(OpenTimeoutTest, SlowTlsHandshakeOpensWithinTheWait) {
+  startServer();
+  LoopbackListener relay(delayingRelay(server_->port(), seconds(8)));
+  sandbox_->setKey("NIVO", "server_url", "wss://127.0.0.1:" + std::to_string(relay.port()));
+  sandbox_->setKey("NIVO", "open_timeout", "20");
+  sandbox_->start();
+  ASSERT_TRUE(answers_.waitForRegister());
+  server_->sendExec(1, "plugin_exit", "slow", 5);
+  EXPECT_EQ(answers_.to(1), once(qavel::execResponse(0, 1, "slow\n", 0)));
 }
 
 // One agent and its server, for a test that runs several side by side.
