@@ -8,31 +8,29 @@
 
 namespace {
 
-struct Key {
-  const char* section;
-  const char* name;
-};
-
-// Taken up by a reload.
-const Key kAppliedKeys[] = {
-    {"LOG", "metrics_file"},        {"NIVO", "plugin_list"},  {"NIVO", "plugin_dir"},
-    {"NIVO", "plugin_timeout"},     {"NIVO", "max_output"},   {"NIVO", "max_workers"},
-    {"NIVO", "unknown_on_failure"}, {"NIVO", "plugin_rules"}, {"NIVO", "max_queue"},
-};
-
-// Read once, for the link and the run: a change waits for the next start. The status file is
-// written during start-up only, and the last-execution file and the log keep their paths, the log
-// being reopened at its own.
-const Key kRestartKeys[] = {
-    {"LOG", "info"},       {"LOG", "log_file"},      {"LOG", "lastExec"},
-    {"SSL", "cafile"},     {"SSL", "local_cert"},    {"SSL", "verify_server"},
-    {"SSL", "client_key"}, {"NIVO", "server_url"},   {"NIVO", "ip_command"},
-    {"NIVO", "thread"},    {"NIVO", "open_timeout"}, {"NIVO", "pong_timeout"},
+// In the order of the sample configuration. Taken up by a reload: the opt-in keys of the order
+// path and of the metrics, and the plugin list and directory. The others are read once, for the
+// link and the run: the status file is written during start-up only, the last-execution file and
+// the log keep their paths (the log being reopened at its own), the pools keep the workers they
+// started with.
+const ConfigKey kKeys[] = {
+    {"LOG", "info", false},           {"LOG", "log_file", false},
+    {"LOG", "lastExec", false},       {"LOG", "metrics_file", true},
+    {"SSL", "cafile", false},         {"SSL", "local_cert", false},
+    {"SSL", "verify_server", false},  {"SSL", "client_key", false},
+    {"NIVO", "plugin_list", true},    {"NIVO", "plugin_dir", true},
+    {"NIVO", "server_url", false},    {"NIVO", "ip_command", false},
+    {"NIVO", "thread", false},        {"NIVO", "plugin_timeout", true},
+    {"NIVO", "max_output", true},     {"NIVO", "max_workers", true},
+    {"NIVO", "open_timeout", false},  {"NIVO", "unknown_on_failure", true},
+    {"NIVO", "pong_timeout", false},  {"NIVO", "plugin_rules", true},
+    {"NIVO", "max_queue", true},      {"NIVO", "proxy_url", false},
+    {"NIVO", "fallback_urls", false},
 };
 
 const char kSerialNumber[] = "serial number";
 
-std::string keyName(const Key& key) { return std::string(key.section) + "/" + key.name; }
+std::string keyName(const ConfigKey& key) { return std::string(key.section) + "/" + key.name; }
 
 std::string joined(const std::vector<std::string>& items) {
   std::string text;
@@ -42,11 +40,12 @@ std::string joined(const std::vector<std::string>& items) {
 
 }  // namespace
 
+std::vector<ConfigKey> configKeys() { return {std::begin(kKeys), std::end(kKeys)}; }
+
 void readKeyTexts(iniConfig& config, const std::string& serialFile, LiveConfig& into) {
-  for (const Key& key : kAppliedKeys)
-    into.appliedKeys[keyName(key)] = config.getKey(key.section, key.name);
-  for (const Key& key : kRestartKeys)
-    into.restartKeys[keyName(key)] = config.getKey(key.section, key.name);
+  for (const ConfigKey& key : kKeys)
+    (key.reloaded ? into.appliedKeys : into.restartKeys)[keyName(key)] =
+        config.getKey(key.section, key.name);
   std::ifstream serial(serialFile);
   std::string line;
   std::getline(serial, line);
@@ -80,10 +79,8 @@ std::string describeChanges(const LiveConfig& before, const LiveConfig& after) {
   std::vector<std::string> parts;
   if (!added.empty()) parts.push_back("plugins added: " + joined(added));
   if (!removed.empty()) parts.push_back("plugins removed: " + joined(removed));
-  for (const Key& key : kAppliedKeys) {
-    const std::string name = keyName(key);
+  for (const auto& [name, now] : after.appliedKeys) {
     const std::string& old = before.appliedKeys.at(name);
-    const std::string& now = after.appliedKeys.at(name);
     if (old != now) parts.push_back(name + ": '" + old + "' -> '" + now + "'");
   }
   const auto rulesText = [](const LiveConfig& config) {

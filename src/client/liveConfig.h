@@ -14,6 +14,16 @@
 
 class iniConfig;
 
+// A key of the configuration, and whether a reload takes a new value of it up.
+struct ConfigKey {
+  const char* section;
+  const char* name;
+  bool reloaded;  // else it takes a restart
+};
+
+// Every key the agent reads, in the order of the sample configuration.
+std::vector<ConfigKey> configKeys();
+
 struct LiveConfig {
   AgentSettings settings;
   std::map<std::string, std::string> catalogue;    // plugin name to executable path

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "src/client/agentSettings.h"
+#include "src/client/liveConfig.h"
 #include "src/common/iniConfig.h"
 #include "tests/common/tempDirTest.h"
 
@@ -228,14 +229,6 @@ TEST_F(ConfigCheckTest, UnusableConfigurationIsOneLine) {
 using SampleConfiguration = TempDirTest;
 
 TEST_F(SampleConfiguration, EveryKeyIsOnAndReadFromItsOwnLine) {
-  const std::vector<std::pair<std::string, std::vector<std::string>>> known = {
-      {"LOG", {"info", "log_file", "lastExec", "metrics_file"}},
-      {"SSL", {"cafile", "local_cert", "verify_server", "client_key"}},
-      {"NIVO",
-       {"plugin_list", "plugin_dir", "server_url", "ip_command", "thread", "plugin_timeout",
-        "max_output", "max_workers", "open_timeout", "unknown_on_failure", "pong_timeout",
-        "plugin_rules", "max_queue", "proxy_url", "fallback_urls"}},
-  };
   std::ostringstream shipped;
   shipped << std::ifstream(NIVO_SAMPLE_CONFIG).rdbuf();
   std::string text = shipped.str();
@@ -246,16 +239,14 @@ TEST_F(SampleConfiguration, EveryKeyIsOnAndReadFromItsOwnLine) {
   }
   writeFile("sample.conf", text);
   iniConfig sample(path("sample.conf"));
-  for (const auto& [section, keys] : known) {
+  for (const ConfigKey& key : configKeys()) {
+    SCOPED_TRACE(std::string(key.section) + "/" + key.name);
     const std::map<std::string, std::string> lines =
-        iniConfig(path("sample.conf")).getSection(section);
-    for (const std::string& key : keys) {
-      SCOPED_TRACE(section + "/" + key);
-      const auto own = lines.find(key);
-      ASSERT_NE(own, lines.end()) << "no line " << key << "=";
-      EXPECT_FALSE(own->second.empty());
-      EXPECT_EQ(sample.getKey(section, key), own->second);
-    }
+        iniConfig(path("sample.conf")).getSection(key.section);
+    const auto own = lines.find(key.name);
+    ASSERT_NE(own, lines.end()) << "no line " << key.name << "=";
+    EXPECT_FALSE(own->second.empty());
+    EXPECT_EQ(sample.getKey(key.section, key.name), own->second);
   }
   std::vector<std::string> problems;
   const AgentSettings settings = readAgentSettings(sample, problems);
