@@ -121,10 +121,14 @@ TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDidAndTheNodeExporterServesIt) {
   server_->sendExec(10, "plugin_exit", "queued", 1);
 
   std::map<std::string, std::string> now;
-  ASSERT_TRUE(eventually([&] {
-    now = metrics();
-    return now["nivo_agent_queue_length{pool=\"web\"}"] == "2";
-  })) << sandbox_->readFile("tmp/nivo-agent.prom");
+  // The file is at most 15 s old, whatever the test's waits.
+  ASSERT_TRUE(eventually(
+      [&] {
+        now = metrics();
+        return now["nivo_agent_queue_length{pool=\"web\"}"] == "2";
+      },
+      std::chrono::seconds(15) + kWait))
+      << sandbox_->readFile("tmp/nivo-agent.prom");
   const std::string exit = "nivo_agent_plugin_runs_total{plugin=\"plugin_exit\",result=";
   const std::map<std::string, std::string> expected = {
       {"nivo_agent_info{version=\"1.0\",serial=\"SN-TEST-0001\"}", "1"},

@@ -67,7 +67,7 @@ TEST_F(OpenTimeoutTest, SlowTlsHandshakeOpensWithinTheWait) {
   sandbox_->setKey("NIVO", "server_url", "wss://127.0.0.1:" + std::to_string(relay.port()));
   sandbox_->setKey("NIVO", "open_timeout", "20");
   sandbox_->start();
-  ASSERT_TRUE(answers_.waitForRegister());
+  ASSERT_TRUE(answers_.waitForRegister(seconds(8) + kWait));
   server_->sendExec(1, "plugin_exit", "slow", 5);
   EXPECT_EQ(answers_.to(1), once(qavel::execResponse(0, 1, "slow\n", 0)));
 }
