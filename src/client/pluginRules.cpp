@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "src/client/hashedExecutable.h"
+#include "src/common/convertTo.h"
 #include "src/common/logFile.h"
 #include "src/service/service.h"
 
@@ -84,15 +85,9 @@ bool matches(const regex_t& pattern, const std::string& argument) {
 
 bool parseSha256(const std::string& hex, HashedExecutable::Digest& digest) {
   if (hex.size() != 2 * digest.size()) return false;
-  const auto value = [](char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-  };
   for (std::size_t i = 0; i < digest.size(); ++i) {
-    const int high = value(hex[2 * i]);
-    const int low = value(hex[2 * i + 1]);
+    const int high = hexDigitValue(hex[2 * i]);
+    const int low = hexDigitValue(hex[2 * i + 1]);
     if (high < 0 || low < 0) return false;
     digest[i] = static_cast<unsigned char>(high * 16 + low);
   }

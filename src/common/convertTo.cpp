@@ -92,3 +92,10 @@ std::string printableForLog(const std::string& text, std::size_t maxBytes) {
   if (taken < text.size()) shown += "...[" + std::to_string(text.size() - taken) + " more bytes]";
   return shown;
 }
+
+int hexDigitValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}

@@ -25,6 +25,9 @@ std::string ltrim(const std::string& text);
 std::string rtrim(const std::string& text);
 std::string trim(const std::string& text);
 
+// The value of one hexadecimal digit (either case), or -1 for any other character.
+int hexDigitValue(char c);
+
 // The text with every invalid UTF-8 sequence replaced by one blank; valid text comes back as is.
 std::string toValidUtf8(const std::string& text);
 

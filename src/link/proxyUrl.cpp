@@ -5,17 +5,12 @@
 
 #include <cctype>
 
+#include "src/common/convertTo.h"
+
 namespace {
 
 const char kScheme[] = "http://";
 constexpr std::size_t kSchemeLength = sizeof kScheme - 1;
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 // A user or password as written in a URL, where ":", "@" and "%" must be escaped as %XX.
 std::optional<std::string> percentDecoded(const std::string& text) {
@@ -25,8 +20,8 @@ std::optional<std::string> percentDecoded(const std::string& text) {
       plain += text[i];
       continue;
     }
-    const int high = i + 2 < text.size() ? hexValue(text[i + 1]) : -1;
-    const int low = high >= 0 ? hexValue(text[i + 2]) : -1;
+    const int high = i + 2 < text.size() ? hexDigitValue(text[i + 1]) : -1;
+    const int low = high >= 0 ? hexDigitValue(text[i + 2]) : -1;
     if (low < 0) return std::nullopt;
     plain += static_cast<char>(high * 16 + low);
     i += 2;
