@@ -6,10 +6,8 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <boost/asio/connect.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/read.hpp>
-#include <boost/asio/write.hpp>
+#include <cstdio>
 #include <filesystem>
 #include <sstream>
 
@@ -33,20 +31,6 @@ std::map<std::string, std::string> samples(const std::string& text) {
       found[line.substr(0, blank)] = line.substr(blank + 1);
   }
   return found;
-}
-
-// The body of GET `target` on 127.0.0.1:`port`; "" when nothing answers.
-std::string httpGet(unsigned short port, const std::string& target) {
-  boost::asio::io_context io;
-  boost::asio::ip::tcp::socket socket(io);
-  boost::system::error_code ec;
-  socket.connect({boost::asio::ip::make_address("127.0.0.1"), port}, ec);
-  if (ec) return "";
-  boost::asio::write(socket, boost::asio::buffer("GET " + target + " HTTP/1.0\r\n\r\n"), ec);
-  std::string response;
-  boost::asio::read(socket, boost::asio::dynamic_buffer(response), ec);  // to the end
-  const std::size_t body = response.find("\r\n\r\n");
-  return body == std::string::npos ? "" : response.substr(body + 4);
 }
 
 unsigned short freePort() {
@@ -82,8 +66,16 @@ class NodeExporter {
 
   // What it serves, once it serves.
   std::string scrape() const {
+    const std::string command = "curl -sf http://127.0.0.1:" + std::to_string(port_) + "/metrics";
     std::string served;
-    eventually([&] { return !(served = httpGet(port_, "/metrics")).empty(); });
+    eventually([&] {
+      const std::unique_ptr<FILE, decltype(&pclose)> curl(popen(command.c_str(), "r"), &pclose);
+      char buffer[4096];
+      served.clear();
+      for (std::size_t got; curl && (got = fread(buffer, 1, sizeof buffer, curl.get())) > 0;)
+        served.append(buffer, got);
+      return !served.empty();
+    });
     return served;
   }
 

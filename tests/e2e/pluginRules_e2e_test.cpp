@@ -1,14 +1,12 @@
 // NIVO/plugin_rules, end to end: an order that no rule allows, or whose pinned plugin no longer
 // has its hash, is answered at once and never run, logged for audit and counted.
-#include <fcntl.h>
 #include <openssl/evp.h>
 #include <signal.h>
-#include <sys/stat.h>
 
-#include <fstream>
 #include <iomanip>
 #include <sstream>
 
+#include "tests/common/rewriteInPlace.h"
 #include "tests/e2e/agentTest.h"
 
 namespace {
@@ -26,15 +24,6 @@ std::string sha256Hex(const std::string& content) {
   for (unsigned int i = 0; i < size; ++i)
     hex << std::hex << std::setw(2) << std::setfill('0') << static_cast<int>(digest[i]);
   return hex.str();
-}
-
-// Writes `content` into the file itself (same inode), then puts its modification time back.
-void rewriteInPlace(const std::string& path, const std::string& content) {
-  struct stat before {};
-  ASSERT_EQ(stat(path.c_str(), &before), 0);
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-  const timespec times[2] = {before.st_atim, before.st_mtim};
-  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
 }
 
 TEST_F(AgentTest, OrdersTheRulesDoNotAllowAreRefusedAndAPinnedPluginChangedInPlaceIsNotRun) {
