@@ -2,15 +2,13 @@
 // Debian's Prometheus node exporter serves it, and the last write on the way out says the link is
 // down.
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <boost/asio/ip/tcp.hpp>
 #include <cstdio>
 #include <filesystem>
 #include <sstream>
 
+#include "tests/common/childProgram.h"
 #include "tests/e2e/agentTest.h"
 
 namespace {
@@ -33,36 +31,14 @@ std::map<std::string, std::string> samples(const std::string& text) {
   return found;
 }
 
-unsigned short freePort() {
-  boost::asio::io_context io;
-  boost::asio::ip::tcp::acceptor acceptor(io, {boost::asio::ip::make_address("127.0.0.1"), 0});
-  return acceptor.local_endpoint().port();
-}
-
 // The node exporter with its textfile collector alone, on a loopback port, for the test's span.
 class NodeExporter {
  public:
-  explicit NodeExporter(const std::string& textfileDirectory) : port_(freePort()) {
-    std::vector<std::string> words = {kNodeExporter, "--collector.disable-defaults",
-                                      "--collector.textfile",
-                                      "--collector.textfile.directory=" + textfileDirectory,
-                                      "--web.listen-address=127.0.0.1:" + std::to_string(port_)};
-    std::vector<char*> argv;
-    for (std::string& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    if (posix_spawn(&pid_, kNodeExporter, &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-  }
-  ~NodeExporter() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  NodeExporter(const NodeExporter&) = delete;
-  NodeExporter& operator=(const NodeExporter&) = delete;
+  explicit NodeExporter(const std::string& textfileDirectory)
+      : port_(freeLoopbackPort()),
+        program_({kNodeExporter, "--collector.disable-defaults", "--collector.textfile",
+                  "--collector.textfile.directory=" + textfileDirectory,
+                  "--web.listen-address=127.0.0.1:" + std::to_string(port_)}) {}
 
   // What it serves, once it serves.
   std::string scrape() const {
@@ -81,7 +57,7 @@ class NodeExporter {
 
  private:
   const unsigned short port_;
-  pid_t pid_ = -1;
+  const ChildProgram program_;
 };
 
 TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDidAndTheNodeExporterServesIt) {

@@ -3,12 +3,11 @@
 // garbage. A proxy that refuses or breaks ends the agent like any failed opening, with one line
 // naming the proxy and why, and never the password.
 #include <pwd.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <fstream>
 
+#include "tests/common/childProgram.h"
 #include "tests/faults/faultTest.h"
 #include "tests/faults/loopbackListener.h"
 
@@ -21,34 +20,9 @@ const std::string kPassword = "s3cr@t:x";  // "s3cr%40t%3Ax" in a URL
 // squid -N with Basic authentication for kUser, allowing CONNECT from 127.0.0.1 to one port only.
 class Squid {
  public:
-  explicit Squid(std::uint16_t allowedPort) {
-    // squid drops to the proxy user, which must write its logs here.
-    const passwd* const proxyUser = getpwnam("proxy");
-    if (proxyUser == nullptr || chown(dir_.path.c_str(), proxyUser->pw_uid, proxyUser->pw_gid) != 0)
-      throw std::runtime_error("no proxy user to own " + dir_.path);
-    const std::string passwords = "printf '" + kUser + ":%s\\n' \"$(openssl passwd -apr1 '" +
-                                  kPassword + "')\" >" + dir_.path + "/passwd";
-    if (std::system(passwords.c_str()) != 0) throw std::runtime_error("failed: " + passwords);
-    boost::asio::io_context io;
-    port_ = boost::asio::ip::tcp::acceptor(io, {boost::asio::ip::address_v4::loopback(), 0})
-                .local_endpoint()
-                .port();  // free a moment ago, for squid to take
-    const std::string conf = dir_.path + "/squid.conf";
-    std::ofstream(conf) << "http_port 127.0.0.1:" << port_ << "\npid_filename " << dir_.path
-                        << "/squid.pid\naccess_log stdio:" << dir_.path << "/access.log\n"
-                        << "cache_log " << dir_.path << "/cache.log\ncache deny all\n"
-                        << "auth_param basic program /usr/lib/squid/basic_ncsa_auth " << dir_.path
-                        << "/passwd\nacl authed proxy_auth REQUIRED\nacl test_port port "
-                        << allowedPort << "\nhttp_access deny !authed\n"
-                        << "http_access allow localhost CONNECT test_port\nhttp_access deny all\n";
-    const char* const argv[] = {"squid", "-N", "-f", conf.c_str(), nullptr};
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);  // with its helpers
-    const int failed = posix_spawnp(&squid_.pid, "squid", nullptr, &attributes,
-                                    const_cast<char* const*>(argv), environ);
-    posix_spawnattr_destroy(&attributes);
-    if (failed != 0) throw std::runtime_error("cannot start squid: " + std::to_string(failed));
+  // Its files in `directory`, made for squid's own user, whom the directory above must let pass.
+  Squid(const std::string& directory, std::uint16_t allowedPort)
+      : dir_(prepared(directory)), port_(freeLoopbackPort()), program_(start(allowedPort)) {
     if (!eventually(
             [this] { return read("cache.log").find("Accepting HTTP") != std::string::npos; }))
       throw std::runtime_error("squid does not listen: " + read("cache.log"));
@@ -56,35 +30,37 @@ class Squid {
 
   std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
   std::string read(const std::string& name) const {
-    std::ifstream file(dir_.path + "/" + name);
+    std::ifstream file(dir_ + "/" + name);
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
   }
 
  private:
-  struct Directory {
-    std::string path = [] {
-      std::string pattern = "/var/tmp/nivo-squid.XXXXXX";
-      if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp " + pattern);
-      return pattern;
-    }();
-    ~Directory() {
-      std::error_code ignored;
-      std::filesystem::remove_all(path, ignored);
-    }
-  };
-  struct Process {
-    pid_t pid = -1;
-    ~Process() {  // the whole group: squid and its authentication helpers
-      int status;
-      if (pid > 0 && kill(-pid, SIGKILL) == 0)
-        while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
-        }
-    }
-  };
+  static std::string prepared(const std::string& directory) {
+    std::filesystem::create_directories(directory);
+    const passwd* const proxyUser = getpwnam("proxy");  // squid drops to it
+    if (proxyUser == nullptr || chown(directory.c_str(), proxyUser->pw_uid, proxyUser->pw_gid) != 0)
+      throw std::runtime_error("no proxy user to own " + directory);
+    const std::string passwords = "printf '" + kUser + ":%s\\n' \"$(openssl passwd -apr1 '" +
+                                  kPassword + "')\" >" + directory + "/passwd";
+    if (std::system(passwords.c_str()) != 0) throw std::runtime_error("failed: " + passwords);
+    return directory;
+  }
 
-  Directory dir_;
-  Process squid_;  // after dir_: gone before it
-  std::uint16_t port_ = 0;
+  ChildProgram start(std::uint16_t allowedPort) const {
+    const std::string conf = dir_ + "/squid.conf";
+    std::ofstream(conf) << "http_port 127.0.0.1:" << port_ << "\npid_filename " << dir_
+                        << "/squid.pid\naccess_log stdio:" << dir_ << "/access.log\n"
+                        << "cache_log " << dir_ << "/cache.log\ncache deny all\n"
+                        << "auth_param basic program /usr/lib/squid/basic_ncsa_auth " << dir_
+                        << "/passwd\nacl authed proxy_auth REQUIRED\nacl test_port port "
+                        << allowedPort << "\nhttp_access deny !authed\n"
+                        << "http_access allow localhost CONNECT test_port\nhttp_access deny all\n";
+    return ChildProgram({"squid", "-N", "-f", conf});
+  }
+
+  const std::string dir_;
+  const std::uint16_t port_;
+  const ChildProgram program_;  // its whole group: squid and its authentication helpers
 };
 
 // Reads a request to its blank line and answers with a reply whose second line is no header.
@@ -117,7 +93,9 @@ TEST_P(ProxyTest, LinkOpensThroughTheProxyOrSaysWhyNot) {
   qavel::ServerOptions options;
   options.address = proxyCase.ipv6Server ? "::1" : "127.0.0.1";
   startServer(options);
-  Squid squid(proxyCase.portDenied ? server_->port() + 1 : server_->port());
+  ASSERT_EQ(chmod(sandbox_->dir().c_str(), 0711), 0);  // for squid's user to pass
+  Squid squid(sandbox_->path("squid"),
+              proxyCase.portDenied ? server_->port() + 1 : server_->port());
   LoopbackListener garbage(answerGarbage);
   const std::string target =
       (proxyCase.ipv6Server ? "[::1]:" : "127.0.0.1:") + std::to_string(server_->port());
