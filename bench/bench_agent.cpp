@@ -135,14 +135,6 @@ CpuTimes cpuTimes(pid_t pid) {
           (std::stod(field[13]) + std::stod(field[14])) / tick};
 }
 
-long procStatus(pid_t pid, const std::string& name) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(file, line);)
-    if (line.compare(0, name.size() + 1, name + ":") == 0)
-      return std::strtol(line.c_str() + name.size() + 1, nullptr, 10);
-  return -1;
-}
-
 // Every EXEC-RESPONSE the peer receives, by task, with its arrival time. A hook may send the next
 // order from the peer's thread.
 class Answers {
@@ -291,7 +283,7 @@ class Bench {
     configure(*sandbox);
     const std::size_t before = answers_.total();
     sandbox->start({"-f", "/etc/nivo/qavel.conf"});  // production logging: no debug lines
-    pid_ = sandbox->pid();
+    sandbox_ = sandbox.get();
     // The link the peer's sends go to is the newest: wait for this agent's REGISTER first.
     if (!registrations_.waitFor(++agents_))
       fail("the agent did not register; its log:\n" + sandbox->log());
@@ -377,13 +369,13 @@ class Bench {
       if (nextInFlight_ <= lastInFlight_) send(nextInFlight_++, 5);
     });
     const std::size_t before = answers_.total();
-    const CpuTimes cpuBefore = cpuTimes(pid_);
+    const CpuTimes cpuBefore = cpuTimes(sandbox_->pid());
     const auto start = Clock::now();
     // Not under sendLock_: the hook runs on the peer's thread, which this send waits for.
     for (int task = first; task < first + window; ++task) send(task, 5);
     if (!answers_.waitFor(before + orders)) fail("orders left unanswered");
     const double elapsed = seconds(answers_.last() - start);
-    const CpuTimes cpuAfter = cpuTimes(pid_);
+    const CpuTimes cpuAfter = cpuTimes(sandbox_->pid());
     answers_.onAnswer(nullptr);
     return {orders / elapsed, (cpuAfter.own - cpuBefore.own) / orders,
             (cpuAfter.children - cpuBefore.children) / orders};
@@ -426,14 +418,14 @@ class Bench {
     std::size_t seen = answers_.total();
     auto progress = Clock::now();
     while (answers_.total() < before + count && Clock::now() - progress < kPatience) {
-      peakThreads = std::max(peakThreads, procStatus(pid_, "Threads"));
+      peakThreads = std::max(peakThreads, sandbox_->procStatus("Threads"));
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
       if (answers_.total() != seen) {
         seen = answers_.total();
         progress = Clock::now();
       }
     }
-    peakThreads = std::max(peakThreads, procStatus(pid_, "Threads"));
+    peakThreads = std::max(peakThreads, sandbox_->procStatus("Threads"));
     const double elapsed = seconds(answers_.last() - start);
     const auto [lost, duplicated] = answers_.lostAndDuplicated(first, last);
     const double checksPerSecond = (count - lost) / elapsed;
@@ -442,7 +434,7 @@ class Bench {
     rows_.push_back(
         {"burst of " + std::to_string(count) + " at once", text, ratio(checksPerSecond)});
     std::snprintf(text, sizeof text, "%.1f MiB, %ld threads, %d lost, %d duplicated",
-                  static_cast<double>(procStatus(pid_, "VmHWM")) / 1024, peakThreads, lost,
+                  static_cast<double>(sandbox_->procStatus("VmHWM")) / 1024, peakThreads, lost,
                   duplicated);
     rows_.push_back({"  peak RSS, peak threads, answers", text, ""});
   }
@@ -485,8 +477,8 @@ class Bench {
   qavel::QavelServer* server_ = nullptr;
   Answers answers_;
   Registrations registrations_;
-  int agents_ = 0;  // started so far
-  pid_t pid_ = -1;
+  int agents_ = 0;                         // started so far
+  const agentSandbox* sandbox_ = nullptr;  // the agent of the row
   int nextTask_ = 1;
   std::mutex sendLock_;
   int nextInFlight_ = 0;  // under sendLock_

@@ -53,15 +53,6 @@ TEST_F(AgentTest, StatusRecordAndLastExecutionTimeFollowTheRun) {
   expectStampSince(beforeOrder);
 }
 
-TEST_F(AgentTest, OrderForAnUnknownPluginIsAnsweredAtOnce) {
-  ASSERT_TRUE(launchRunning());
-  server_->sendRaw(
-      R"({"COMMAND":"EXEC","TASK":{"TASKID":31,"NAME":"check_foo","PARAMETER":"","PRIORITY":5}})");
-  EXPECT_EQ(answers_.to(31), once(qavel::execResponse(
-                                 2, 31, "EXEC plugin: error plugin not defined check_foo", -1)));
-  EXPECT_TRUE(logHas("#NOTICE#EXEC plugin: error plugin not defined\n"));
-}
-
 TEST_F(AgentTest, RefusedRegistrationEndsAgentWithStatusZeroBeforeItsPools) {
   qavel::ServerOptions options;
   options.registerReply = qavel::RegisterReply::withStatus(1);

@@ -23,6 +23,7 @@ TEST_F(AgentTest, ReloadTakesUpPluginsAndLimitsOnTheSameLinkAndKeepsAllWhenItCan
   const std::string unknownNew = "EXEC plugin: error plugin not defined plugin_new";
   server_->sendExec(1, "plugin_new", "", 5);
   ASSERT_EQ(answers_.to(1), once(qavel::execResponse(2, 1, unknownNew, -1)));
+  EXPECT_TRUE(logHas("#NOTICE#EXEC plugin: error plugin not defined\n"));
 
   // Rotated the way logrotate's create does it: moved away, then the agent is told.
   ASSERT_EQ(std::rename(sandbox_->path("agent.log").c_str(), sandbox_->path("agent.log.1").c_str()),

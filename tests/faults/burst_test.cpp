@@ -19,8 +19,8 @@ TEST_F(BurstTest, EveryOrderOfBurstIsAnsweredExactlyOnce) {
   const pid_t agent = sandbox_->pid();
   const long idleDescriptors = openDescriptors(agent);
   const long idleChildren = childProcesses(agent);
-  const long idleThreads = procStatus(agent, "Threads");
-  const long idleResident = procStatus(agent, "VmRSS");
+  const long idleThreads = sandbox_->procStatus("Threads");
+  const long idleResident = sandbox_->procStatus("VmRSS");
 
   const auto start = Clock::now();
   // Priorities 1 to 9: both pools get their share.
@@ -52,9 +52,10 @@ TEST_F(BurstTest, EveryOrderOfBurstIsAnsweredExactlyOnce) {
   std::cout << "burst of " << kOrders << " orders: sent in "
             << std::chrono::duration<double>(sent - start).count() << " s, all answered in "
             << seconds << " s, " << static_cast<long>(kOrders / seconds) << " orders/s\n"
-            << "agent: VmRSS idle " << idleResident << " kB, VmHWM " << procStatus(agent, "VmHWM")
-            << " kB, VmRSS after " << procStatus(agent, "VmRSS") << " kB; threads idle "
-            << idleThreads << ", after " << procStatus(agent, "Threads") << std::endl;
+            << "agent: VmRSS idle " << idleResident << " kB, VmHWM "
+            << sandbox_->procStatus("VmHWM") << " kB, VmRSS after " << sandbox_->procStatus("VmRSS")
+            << " kB; threads idle " << idleThreads << ", after " << sandbox_->procStatus("Threads")
+            << std::endl;
   EXPECT_TRUE(sandbox_->running());
 }
 
@@ -92,7 +93,7 @@ TEST_F(ThreadLimitTest, BurstThatOutgrowsThreadLimitLeavesEveryOrderAnswered) {
       << answers_.size() - 1 << " of " << kBurst << " orders answered";
   EXPECT_TRUE(sandbox_->running()) << "agent " << ending(kWait);
   answeredOnce();
-  std::cout << "threads under the limit: " << procStatus(sandbox_->pid(), "Threads") << std::endl;
+  std::cout << "threads under the limit: " << sandbox_->procStatus("Threads") << std::endl;
 }
 
 }  // namespace

@@ -19,15 +19,6 @@ constexpr bool kSanitized = NIVO_FAULTS_SANITIZED;
 // a dozen lines per order.
 const std::vector<std::string> kProductionArguments = {"-f", "/etc/nivo/qavel.conf"};
 
-// A "Name:  value [kB]" line of /proc/<pid>/status (VmRSS, VmHWM in kB; Threads); -1 when gone.
-inline long procStatus(pid_t pid, const std::string& field) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(file, line);)
-    if (line.compare(0, field.size() + 1, field + ":") == 0)
-      return std::strtol(line.c_str() + field.size() + 1, nullptr, 10);
-  return -1;
-}
-
 inline long openDescriptors(pid_t pid) {
   return std::distance(std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd"),
                        std::filesystem::directory_iterator());

@@ -18,7 +18,6 @@ TEST_F(QueueBoundTest, FloodBeyondTheBoundIsAnsweredAtOnceInFlatMemory) {
   sandbox_->addPlugin("check_dummy", NIVO_MONITORING_PLUGIN_DIR "/check_dummy");
   addPlugin("pool_block", "pool_block.sh");
   ASSERT_TRUE(launchAndWarmUp(kProductionArguments));
-  const pid_t agent = sandbox_->pid();
 
   // One held worker in each pool (priority 1: web, 5: monitor), for up to ten minutes.
   for (const int priority : {1, 5})
@@ -28,12 +27,12 @@ TEST_F(QueueBoundTest, FloodBeyondTheBoundIsAnsweredAtOnceInFlatMemory) {
         priority);
   ASSERT_TRUE(waitForMarker("started-1") && waitForMarker("started-5"));
   for (int id = 10; id < 10 + kBound; ++id) server_->sendExec(id, "check_dummy", "0 OK", 5);
-  const long before = procStatus(agent, "VmRSS");
+  const long before = sandbox_->procStatus("VmRSS");
 
   const int first = 1000;
   for (int id = first; id < first + kFlood; ++id) server_->sendExec(id, "check_dummy", "0 OK", 5);
   ASSERT_TRUE(waitForAnswersWhileTheyCome(1 + kFlood));
-  const long peak = procStatus(agent, "VmHWM");
+  const long peak = sandbox_->procStatus("VmHWM");
   release("release");
   ASSERT_TRUE(waitForAnswersWhileTheyCome(1 + kFlood + 2 + kBound));
 

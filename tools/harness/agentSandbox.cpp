@@ -210,6 +210,14 @@ void agentSandbox::start(std::vector<std::string> arguments) {
   if (setpgid(pid_, pid_) == -1 && errno != EACCES && errno != ESRCH) fail("setpgid");
 }
 
+long agentSandbox::procStatus(const std::string& field) const {
+  std::ifstream file("/proc/" + std::to_string(pid_) + "/status");
+  for (std::string line; std::getline(file, line);)
+    if (line.compare(0, field.size() + 1, field + ":") == 0)
+      return std::strtol(line.c_str() + field.size() + 1, nullptr, 10);
+  return -1;
+}
+
 bool agentSandbox::running() {
   if (pid_ <= 0 || exitStatus_) return false;
   return !waitExit(std::chrono::milliseconds(0));

@@ -58,6 +58,9 @@ class agentSandbox {
   // standard error to its standard output).
   void start(std::vector<std::string> arguments = {"-D", "-f", "/etc/nivo/qavel.conf"});
   pid_t pid() const { return pid_; }
+  // A "Name:  value [kB]" field of the agent's /proc/<pid>/status (VmRSS, VmHWM in kB; Threads);
+  // -1 once it is gone.
+  long procStatus(const std::string& field) const;
   bool running();
   // To the agent alone, not to the plugins it runs.
   void signal(int signo);
