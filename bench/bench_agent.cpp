@@ -280,7 +280,7 @@ class Bench {
     auto sandbox =
         std::make_unique<agentSandbox>(paths, "wss://127.0.0.1:" + std::to_string(server_->port()));
     sandbox->addPlugin("check_dummy", kPlugin);
-    configure(*sandbox);
+    if (configure) configure(*sandbox);
     const std::size_t before = answers_.total();
     sandbox->start({"-f", "/etc/nivo/qavel.conf"});  // production logging: no debug lines
     sandbox_ = sandbox.get();
