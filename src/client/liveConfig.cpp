@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "src/client/hostDiscovery.h"
+#include "src/common/convertTo.h"
 #include "src/common/iniConfig.h"
 
 namespace {
@@ -31,12 +32,6 @@ const ConfigKey kKeys[] = {
 const char kSerialNumber[] = "serial number";
 
 std::string keyName(const ConfigKey& key) { return std::string(key.section) + "/" + key.name; }
-
-std::string joined(const std::vector<std::string>& items) {
-  std::string text;
-  for (const std::string& item : items) text += (text.empty() ? "" : ", ") + item;
-  return text;
-}
 
 }  // namespace
 
@@ -77,8 +72,8 @@ std::string describeChanges(const LiveConfig& before, const LiveConfig& after) {
   for (const auto& [name, path] : before.catalogue)
     if (after.catalogue.count(name) == 0) removed.push_back(name);
   std::vector<std::string> parts;
-  if (!added.empty()) parts.push_back("plugins added: " + joined(added));
-  if (!removed.empty()) parts.push_back("plugins removed: " + joined(removed));
+  if (!added.empty()) parts.push_back("plugins added: " + joined(added, ", "));
+  if (!removed.empty()) parts.push_back("plugins removed: " + joined(removed, ", "));
   for (const auto& [name, now] : after.appliedKeys) {
     const std::string& old = before.appliedKeys.at(name);
     if (old != now) parts.push_back(name + ": '" + old + "' -> '" + now + "'");
@@ -87,10 +82,7 @@ std::string describeChanges(const LiveConfig& before, const LiveConfig& after) {
     return config.rules ? config.rules->text() : std::string();
   };
   if (rulesText(before) != rulesText(after)) parts.push_back("plugin rules changed");
-  if (parts.empty()) return "nothing changed";
-  std::string text;
-  for (const std::string& part : parts) text += (text.empty() ? "" : "; ") + part;
-  return text;
+  return parts.empty() ? "nothing changed" : joined(parts, "; ");
 }
 
 std::vector<std::string> changedRestartKeys(const LiveConfig& before, const LiveConfig& after) {

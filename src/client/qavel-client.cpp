@@ -366,11 +366,7 @@ void reload() {
   } catch (const std::filesystem::filesystem_error& e) {
     return refuseReload(e.what());
   }
-  if (!problems.empty()) {
-    std::string why;
-    for (const std::string& problem : problems) why += (why.empty() ? "" : "; ") + problem;
-    return refuseReload(why);
-  }
+  if (!problems.empty()) return refuseReload(joined(problems, "; "));
 
   takeUpOrderSettings(next);
   {

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 int stringToInt(std::string text);
 unsigned int stringToUnsignedInt(std::string text);
@@ -24,6 +25,9 @@ std::string doubleToString(double value);  // 6 significant digits: 1234567.0 ->
 std::string ltrim(const std::string& text);
 std::string rtrim(const std::string& text);
 std::string trim(const std::string& text);
+
+// The items one after the other, `separator` between each two.
+std::string joined(const std::vector<std::string>& items, const std::string& separator);
 
 // The value of one hexadecimal digit (either case), or -1 for any other character.
 int hexDigitValue(char c);
