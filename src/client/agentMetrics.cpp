@@ -195,6 +195,9 @@ std::string agentMetrics::exposition(const AgentGauges& gauges) const {
 
   out.family("nivo_agent_queue_length", "gauge", "Orders waiting in a pool, not yet started.");
   poolSamples(out, gauges, &AgentGauges::Pool::waiting);
+  out.family("nivo_agent_max_queue", "gauge",
+             "Orders that may wait in the two pools together (max_queue); 0: no bound.");
+  out.sample("", number(static_cast<std::uint64_t>(gauges.maxQueue)));
   out.family("nivo_agent_workers", "gauge", "Worker threads of a pool.");
   poolSamples(out, gauges, &AgentGauges::Pool::workers);
 

@@ -49,6 +49,7 @@ struct AgentGauges {
     long workers = 0;
   };
   bool linkUp = false;
+  long maxQueue = 0;  // the bound of the orders waiting in both pools; 0: none
   Pool web;
   Pool monitor;
   std::vector<std::string> plugins;  // the catalogue in use: the plugins whose series are shown

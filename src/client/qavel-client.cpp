@@ -326,8 +326,9 @@ std::string renderMetrics(bool final) {
   }
   gauges.web = poolGauges(web);
   gauges.monitor = poolGauges(monitor);
-  for (const auto& plugin : currentOrderSettings()->pluginPathExec)
-    gauges.plugins.push_back(plugin.first);
+  const std::shared_ptr<const OrderSettings> settings = currentOrderSettings();
+  gauges.maxQueue = settings->maxQueue;
+  for (const auto& plugin : settings->pluginPathExec) gauges.plugins.push_back(plugin.first);
   return metrics.exposition(gauges);
 }
 

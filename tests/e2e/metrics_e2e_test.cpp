@@ -63,6 +63,7 @@ class NodeExporter {
 TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDidAndTheNodeExporterServesIt) {
   sandbox_->setKey("LOG", "metrics_file", "/tmp/nivo/nivo-agent.prom");
   sandbox_->setKey("NIVO", "plugin_timeout", "1");
+  sandbox_->setKey("NIVO", "max_queue", "50");
   addPlugin("fault_forever", "fault_forever.sh");
   addPlugin("plugin_broken", "plugin_exit.sh");
   ASSERT_TRUE(launchRunning());
@@ -112,6 +113,7 @@ TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDidAndTheNodeExporterServesIt) {
       {"nivo_agent_plugin_runs_total{plugin=\"plugin_broken\",result=\"failed\"}", "1"},
       {"nivo_agent_plugin_duration_seconds_count{plugin=\"plugin_exit\"}", "5"},
       {"nivo_agent_queue_length{pool=\"monitor\"}", "0"},
+      {"nivo_agent_max_queue", "50"},
       {"nivo_agent_workers{pool=\"web\"}", "1"},
       {"nivo_agent_plugins", "3"},
       {"nivo_agent_reloads_total{result=\"applied\"}", "1"},
