@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "fuzz/fuzzCheck.h"
+#include "src/client/orderDispatch.h"
+#include "src/client/orderSettings.h"
 #include "src/client/qavel-client.h"
 
 namespace {

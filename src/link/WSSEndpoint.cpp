@@ -1,19 +1,12 @@
 #include "src/link/WSSEndpoint.h"
 
-#include <openssl/err.h>
-#include <openssl/ssl.h>
-#include <openssl/x509_vfy.h>
-#include <unistd.h>
-
-#include <boost/asio/ip/address.hpp>
 #include <boost/asio/post.hpp>
-#include <cerrno>
-#include <cstring>
 #include <optional>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
+#include "src/link/linkTls.h"
 #include "src/link/qavel.h"
 
 // Every WebSocket++ call on the endpoint or the connection runs on the network thread. The library
@@ -147,46 +140,6 @@ class WSSEndpoint::CallbackLoan {
   WSSEndpoint& endpoint_;
 };
 
-namespace {
-
-// OpenSSL's reason for the latest failure of this thread; its error queue is left empty.
-std::string openSslReason() {
-  const unsigned long code = ERR_peek_last_error();
-  ERR_clear_error();
-  const char* const reason = code != 0 ? ERR_reason_error_string(code) : nullptr;
-  return reason != nullptr ? reason : "unknown reason";
-}
-
-// A file's own reason first: OpenSSL says only "system lib" for a file it cannot open.
-std::string unreadable(const std::string& path) {
-  return ::access(path.c_str(), R_OK) == 0 ? std::string() : std::strerror(errno);
-}
-
-// A daemon has no one to type a pass phrase: an encrypted key fails to load instead of prompting.
-int noPassphrase(char* /*buffer*/, int /*size*/, int /*forWriting*/, void* /*data*/) { return 0; }
-
-// Puts the client certificate and its key into `context`; throws std::runtime_error saying why not.
-void useClientCertificate(SSL_CTX* context, const LinkOptions& options) {
-  const std::string& certificate = options.clientCertificate;
-  const std::string& key = options.clientKey;
-  if (certificate.empty())
-    throw std::runtime_error("client key " + key + " given without a client certificate");
-  if (const std::string why = unreadable(certificate); !why.empty())
-    throw std::runtime_error("cannot read client certificate " + certificate + ": " + why);
-  if (const std::string why = unreadable(key); !why.empty())
-    throw std::runtime_error("cannot read client key " + key + ": " + why);
-  SSL_CTX_set_default_passwd_cb(context, noPassphrase);
-  if (SSL_CTX_use_certificate_chain_file(context, certificate.c_str()) != 1)
-    throw std::runtime_error("cannot use client certificate " + certificate + ": " +
-                             openSslReason());
-  if (SSL_CTX_use_PrivateKey_file(context, key.c_str(), SSL_FILETYPE_PEM) != 1 ||
-      SSL_CTX_check_private_key(context) != 1)
-    throw std::runtime_error("client key " + key + " does not fit client certificate " +
-                             certificate + ": " + openSslReason());
-}
-
-}  // namespace
-
 WSSEndpoint::WSSEndpoint() { setUp(); }
 
 WSSEndpoint::WSSEndpoint(logFile* log) : log_(log) {
@@ -227,8 +180,8 @@ void WSSEndpoint::runLoop() {
 // it leaves the loop, and the connection that read it goes with the handler that held it, without
 // a fail handler. While a tunnel is being opened, that is the opening's failure.
 void WSSEndpoint::onLoopFailure(const std::string& what) {
-  if (state_ == LinkState::Opening && options_.proxy && !secured_) {
-    settle(LinkState::Ended, "the proxy answered something that is not an HTTP reply: " + what);
+  if (state_ == LinkState::Opening && diagnosis_.ownsLoopFailure()) {
+    settle(LinkState::Ended, OpeningDiagnosis::describeLoopFailure(what));
   } else {
     Trace(4, "network loop: " + what);
   }
@@ -258,8 +211,8 @@ void WSSEndpoint::setOptions(LinkOptions options) {
     const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> probe(SSL_CTX_new(TLS_client_method()),
                                                                   SSL_CTX_free);
     try {
-      if (probe == nullptr) throw std::runtime_error("no TLS context: " + openSslReason());
-      useClientCertificate(probe.get(), options);
+      if (probe == nullptr) throw std::runtime_error("no TLS context: " + linkTls::openSslReason());
+      linkTls::useClientCertificate(probe.get(), options.clientCertificate, options.clientKey);
     } catch (const std::exception& e) {
       fail(e.what());
     }
@@ -309,16 +262,18 @@ int WSSEndpoint::connect(const std::string& uri) {
     con->set_fail_handler([this, attempt](websocketpp::connection_hdl hdl) {
       websocketpp::lib::error_code gone;
       const client::connection_ptr failed = endpoint_.get_con_from_hdl(hdl, gone);
-      if (current(attempt) && !gone) settle(LinkState::Ended, describeFailure(failed));
+      if (current(attempt) && !gone)
+        settle(LinkState::Ended, diagnosis_.describe(failed->get_ec(), failed->get_response_code(),
+                                                     failed->get_response_msg()));
     });
     con->set_close_handler([this, attempt](websocketpp::connection_hdl) {
       if (current(attempt)) state_ = LinkState::Ended;
     });
     con->set_tcp_pre_init_handler([this, attempt](websocketpp::connection_hdl) {
-      if (current(attempt)) tcpConnected_ = true;
+      if (current(attempt)) diagnosis_.tcpConnected();
     });
     con->set_tcp_post_init_handler([this, attempt](websocketpp::connection_hdl) {
-      if (current(attempt)) secured_ = true;
+      if (current(attempt)) diagnosis_.secured();
     });
     if (options_.pongTimeout.count() > 0) {
       con->set_pong_timeout(static_cast<long>(options_.pongTimeout.count()));
@@ -359,10 +314,7 @@ std::uint64_t WSSEndpoint::beginAttempt() {
   }
   // One still opening is left to the steps' own limits, which end it soon: its handlers are
   // already stale, and cutting it short from outside would race with its pending operations.
-  tcpConnected_ = false;
-  secured_ = false;
-  note_.clear();
-  proxyRefusal_.clear();
+  diagnosis_.begin(options_.proxy.has_value());
   failure_.clear();
   LinkConfig::transport_config::limitOpeningSteps(options_.openingStepLimit);
   return ++attempt_;
@@ -379,52 +331,9 @@ std::string WSSEndpoint::openingFailure() const {
   return state_ == LinkState::Ended ? failure_ : std::string();
 }
 
-// Notes are not tied to a connection: one of an attempt given up on may land here too, which at
-// worst words a failure less well.
 void WSSEndpoint::note(const std::string& text) {
   // A caller that borrows the thread (see CallbackLoan) acts on an open link, never an opening.
-  if (std::this_thread::get_id() != thread_->get_id()) return;
-  const std::string refusal = "Proxy connection error: ";
-  // The shutdown that follows a failure says nothing of its cause.
-  const std::string shutdown = "asio async_shutdown";
-  if (text.rfind(refusal, 0) == 0)
-    proxyRefusal_ = text.substr(refusal.size());
-  else if (note_.empty() && text.rfind(shutdown, 0) != 0)
-    note_ = text;
-}
-
-namespace {
-
-// The reason in a library note "<step> error: <category>:<code> (<reason>)"; other notes as they
-// are.
-std::string noteReason(const std::string& note) {
-  const std::string marker = " error: ";
-  const std::size_t error = note.find(marker);
-  if (error == std::string::npos) return note;
-  const std::string detail = note.substr(error + marker.size());
-  const std::size_t open = detail.find(" (");
-  const bool coded = open != std::string::npos && detail.back() == ')' && detail.find(':') < open &&
-                     detail.find(' ') == open;
-  return coded ? detail.substr(open + 2, detail.size() - open - 3) : detail;
-}
-
-}  // namespace
-
-std::string WSSEndpoint::describeFailure(const client::connection_ptr& con) const {
-  const websocketpp::lib::error_code ec = con->get_ec();
-  std::string why = ec.message();
-  if (!note_.empty()) why += ": " + noteReason(note_);
-  if (const int status = con->get_response_code(); status != 0)
-    why += " (the server answered " + std::to_string(status) + " " + con->get_response_msg() + ")";
-  if (!options_.proxy || secured_ ||
-      ec.category() == websocketpp::transport::asio::socket::get_socket_category())
-    return why;
-  // Before TLS is up through the tunnel, a failure other than TLS's own is the proxy's.
-  if (ec == websocketpp::transport::asio::error::make_error_code(
-                websocketpp::transport::asio::error::proxy_failed))
-    return proxyRefusal_.empty() ? "the proxy refused the tunnel"
-                                 : "the proxy answered " + proxyRefusal_;
-  return (tcpConnected_ ? "the proxy opened no tunnel: " : "cannot reach the proxy: ") + why;
+  if (std::this_thread::get_id() == thread_->get_id()) diagnosis_.note(text);
 }
 
 void WSSEndpoint::setCallbackFctOnMessage(MessageCallback callback) {
@@ -448,7 +357,9 @@ std::shared_ptr<boost::asio::ssl::context> WSSEndpoint::enableSSLMode(
     context->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 |
                          ssl::context::no_sslv3 | ssl::context::no_tlsv1 |
                          ssl::context::single_dh_use);
-    if (!options_.clientKey.empty()) useClientCertificate(context->native_handle(), options_);
+    if (!options_.clientKey.empty())
+      linkTls::useClientCertificate(context->native_handle(), options_.clientCertificate,
+                                    options_.clientKey);
     Trace(0, "enableSSLMode SSL OK");
   } catch (const std::exception& e) {
     fail(std::string("SSLException: error in init session ") + e.what());
@@ -457,45 +368,15 @@ std::shared_ptr<boost::asio::ssl::context> WSSEndpoint::enableSSLMode(
 }
 
 void WSSEndpoint::requireVerifiedServer(boost::asio::ssl::context& context) {
-  SSL_CTX* const native = context.native_handle();
-  const std::string& caFile = options_.caFile;
-  if (caFile.empty() ? SSL_CTX_set_default_verify_paths(native) != 1
-                     : SSL_CTX_load_verify_locations(native, caFile.c_str(), nullptr) != 1) {
-    const std::string why = caFile.empty() ? std::string() : unreadable(caFile);
-    throw std::runtime_error("cannot load the trusted certificates of " +
-                             (caFile.empty() ? std::string("the system") : caFile) + ": " +
-                             (why.empty() ? openSslReason() : why));
-  }
-  // OpenSSL checks the name as part of the chain, so a mismatch is reported like any other
-  // verification failure, with its own reason.
-  X509_VERIFY_PARAM* const check = SSL_CTX_get0_param(native);
-  boost::system::error_code notAnAddress;
-  boost::asio::ip::make_address(host_, notAnAddress);
-  if ((notAnAddress ? X509_VERIFY_PARAM_set1_host(check, host_.c_str(), host_.size())
-                    : X509_VERIFY_PARAM_set1_ip_asc(check, host_.c_str())) != 1)
-    throw std::runtime_error("cannot check the server's name " + host_ + ": " + openSslReason());
+  linkTls::trustServer(context.native_handle(), options_.caFile, host_);
   context.set_verify_mode(boost::asio::ssl::verify_peer);
   context.set_verify_callback([this](bool preverified, boost::asio::ssl::verify_context& store) {
-    return verifyCertificate(preverified, store);
+    if (preverified) return true;
+    const std::string refusal = linkTls::certificateRefusal(store.native_handle());
+    Trace(4, refusal);
+    note(refusal);
+    return false;
   });
-}
-
-bool WSSEndpoint::verifyCertificate(bool preverified, boost::asio::ssl::verify_context& context) {
-  if (preverified) return true;
-  X509_STORE_CTX* const store = context.native_handle();
-  std::string subject = "no certificate";
-  if (X509* const certificate = X509_STORE_CTX_get_current_cert(store)) {
-    char name[256];
-    X509_NAME_oneline(X509_get_subject_name(certificate), name, sizeof name);
-    subject = name;
-  }
-  const std::string refusal = std::string("server certificate refused: ") +
-                              X509_verify_cert_error_string(X509_STORE_CTX_get_error(store)) +
-                              " (depth " + std::to_string(X509_STORE_CTX_get_error_depth(store)) +
-                              ", " + subject + ")";
-  Trace(4, refusal);
-  note(refusal);
-  return false;
 }
 
 void WSSEndpoint::announceLinkEvent() {

@@ -24,6 +24,7 @@
 #include "src/common/logFile.h"
 #include "src/common/messageException.h"
 #include "src/link/linkConfig.h"
+#include "src/link/openingDiagnosis.h"
 #include "src/link/proxyUrl.h"
 
 class WSSEndpointException : public MessageException {
@@ -102,10 +103,9 @@ class WSSEndpoint {
   std::uint64_t beginAttempt();
   // The outcome of the current attempt, once: Open, or Ended with why it failed.
   void settle(LinkState outcome, const std::string& failure = "");
-  std::string describeFailure(const client::connection_ptr& con) const;
   void useProxy(client::connection_type& con);
-  // What the library says on its info channel while an attempt runs: a proxy's refusal, and the
-  // first other note of the attempt as the cause of a failure. Network thread only.
+  // What the library says on its info channel while an attempt runs, for the diagnosis of a
+  // failure. Network thread only.
   void note(const std::string& text);
   // Trace(level, the parts joined), the text built only when the log writes the line.
   template <typename... Parts>
@@ -118,8 +118,6 @@ class WSSEndpoint {
   void onPongTimeout(websocketpp::connection_hdl hdl);
   // Sets `context` to verify the server against the trusted certificates and host_.
   void requireVerifiedServer(boost::asio::ssl::context& context);
-  // The server's certificate as OpenSSL judged it; logs why it is refused.
-  bool verifyCertificate(bool preverified, boost::asio::ssl::verify_context& context);
   // Runs the operation on the network thread and returns its result; a failure comes back as a
   // WSSEndpointException with its text.
   template <typename Operation>
@@ -145,10 +143,7 @@ class WSSEndpoint {
   // Of the current attempt, on the network thread. failure_ is written before state_ becomes
   // Ended, and read by other threads only after they have seen Ended.
   std::uint64_t attempt_ = 0;
-  bool tcpConnected_ = false;  // to the server, or to the proxy
-  bool secured_ = false;       // TLS is up, through the tunnel if there is one
-  std::string note_;
-  std::string proxyRefusal_;  // "407 (Proxy Authentication Required)"
+  OpeningDiagnosis diagnosis_;
   std::string failure_;
   logFile* log_ = nullptr;                      // not owned; must outlive the endpoint
   [[maybe_unused]] std::int32_t status_ = 254;  // no operation reads it yet
