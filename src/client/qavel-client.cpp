@@ -393,36 +393,47 @@ void HandlerQuit(int signal) {
 
 namespace {
 
-// The last line written to the last-execution file, and where; under mutex_lastexec.
-std::string lastExecWrittenPath;
-std::time_t lastExecWritten = -1;
+// The last-execution file as the agent last left it; under mutex_lastexec.
+struct LastExecWrite {
+  std::string path;
+  std::time_t second = -1;  // -1: none to rely on
+  struct stat file {};
+
+  // True when `path` is still, provably, the file written within `now`: the same inode, size and
+  // modification time as left. Another program's write in between changes at least one of them.
+  bool unchangedSince(const std::string& current, std::time_t now) const {
+    struct stat found;
+    return second == now && current == path && ::lstat(current.c_str(), &found) == 0 &&
+           found.st_dev == file.st_dev && found.st_ino == file.st_ino &&
+           found.st_size == file.st_size && found.st_mtim.tv_sec == file.st_mtim.tv_sec &&
+           found.st_mtim.tv_nsec == file.st_mtim.tv_nsec;
+  }
+};
+LastExecWrite lastExecWrite;
 
 }  // namespace
 
 void writeLastExecTime() {
   const std::time_t now = std::time(nullptr);
   std::lock_guard<std::mutex> guard(mutex_lastexec);
-  // The file holds whole seconds, so within the second last written its content would not change;
-  // a rewrite per result would cost a disk write per result (ext4 writes a truncated and rewritten
-  // file back at close). A file removed meanwhile is written again.
-  struct stat written;
-  if (now == lastExecWritten && pathLastExecFile == lastExecWrittenPath &&
-      ::lstat(pathLastExecFile.c_str(), &written) == 0)
-    return;
+  // The file holds whole seconds: rewriting the agent's own line within its second would change
+  // nothing and cost a disk write per result (ext4 writes a truncated and rewritten file back at
+  // close). Anything else is rewritten: a file removed, replaced or written by another program.
+  if (lastExecWrite.unchangedSince(pathLastExecFile, now)) return;
+  lastExecWrite.second = -1;
   // A symbolic link is not followed: the default directory lies under /tmp, where anyone may have
   // planted one that would make the agent truncate a file of its choosing.
   const UniqueFd file(::open(pathLastExecFile.c_str(),
                              O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
-  if (!file) {
-    lastExecWritten = -1;
+  if (!file)
     throw new FileException("Error opening file: " + pathLastExecFile);  // deliberately a pointer
-  }
   if (!writeWhole(file.get(), std::to_string(now) + "\n")) {
     const int error = errno;
-    lastExecWritten = -1;
     logLine(4, "Error writing file: " + pathLastExecFile + ": " + std::strerror(error));
     return;
   }
-  lastExecWritten = now;
-  lastExecWrittenPath = pathLastExecFile;
+  if (::fstat(file.get(), &lastExecWrite.file) == 0) {
+    lastExecWrite.second = now;
+    lastExecWrite.path = pathLastExecFile;
+  }
 }
