@@ -45,6 +45,7 @@ demo: build
 bench: build
 	build/bench/bench_execute
 	build/bench/bench_agent
+	build/bench/bench_order_memory
 
 # Faults put into src/ one at a time, each against the suite: killers, survivors and the score.
 # MUTATE_FLAGS="--count 300 --seed 7" samples differently; --list shows the sample only.

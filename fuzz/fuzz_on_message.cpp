@@ -2,7 +2,8 @@
 // it holds, on_message must not crash and must do at most one thing: hand one order to one pool,
 // send one answer, or end the process with status 0. An answer is one strict JSON "EXEC-RESPONSE"
 // of valid text; a queued order runs a catalogued plugin; a frame that does not name an order leads
-// to nothing sent and nothing queued. Recorders stand in for the pools, the link and the exit.
+// to nothing sent and nothing queued. Recorders stand in for the pools, the link and the exit. What
+// the agent reads of a frame too long to be parsed agrees with what the parser reads of it.
 #include <json/json.h>
 #include <utf8.h>
 
@@ -14,9 +15,8 @@
 #include <vector>
 
 #include "fuzz/fuzzCheck.h"
-#include "src/client/orderDispatch.h"
-#include "src/client/orderSettings.h"
-#include "src/client/qavel-client.h"
+#include "src/link/qavel.h"
+#include "tests/client/dispatchFakes.h"
 
 namespace {
 
@@ -25,29 +25,7 @@ const std::map<std::string, std::string> kCatalogue = {
     {"check_load", "/nonexistent/check_load"},
 };
 
-class SentRecorder : public WSSEndpoint {
- public:
-  using WSSEndpoint::WSSEndpoint;
-  void send(std::string text) override { sent.push_back(std::move(text)); }
-  void close(std::uint16_t, std::string) override {}
-  std::vector<std::string> sent;
-};
-
-class QueueRecorder : public PoolThreadService {
- public:
-  QueueRecorder() : PoolThreadService(1, fileLog) {}
-  void executeService(std::shared_ptr<service> s) override { queued.push_back(std::move(s)); }
-  std::vector<std::shared_ptr<service>> queued;
-};
-
-SentRecorder* sentRecorder = nullptr;
-QueueRecorder* pools[2] = {nullptr, nullptr};
-int exits = 0;
-
-void recordExit(int status) {
-  FUZZ_CHECK(status == 0);
-  ++exits;
-}
+dispatchFakes::Fakes* fakes = nullptr;
 
 void checkAnswer(const std::string& text) {
   Json::Value answer;
@@ -57,49 +35,59 @@ void checkAnswer(const std::string& text) {
   FUZZ_CHECK(task.isObject() && task["TASKID"].isInt() && task["OUTPUT"].isString());
   const std::string output = task["OUTPUT"].asString();
   FUZZ_CHECK(utf8::is_valid(output.begin(), output.end()));
-  // An unknown plugin, or an order whose members cannot be read.
+  // An unknown plugin, an order whose members cannot be read, or one too long to be read.
   FUZZ_CHECK((answer["STATUS"] == 2 && task["RETURN"] == -1) ||
-             (answer["STATUS"] == 255 && task["RETURN"] == -2));
+             (answer["STATUS"] == 255 && task["RETURN"] == -2) ||
+             (answer["STATUS"] == 5 && task["RETURN"] == 3));
+}
+
+// What a well-formed frame says without being parsed must be what the parsed document says.
+void checkPeek(const std::string& frame) {
+  Json::Value root;
+  try {
+    if (!Json::Reader().parse(frame, root, true) || !root.isObject()) return;
+  } catch (const Json::Exception&) {
+    return;  // nested beyond the parser's limit
+  }
+  const QAVEL::FramePeek peek = QAVEL::peekFrame(frame);
+  FUZZ_CHECK(peek.exec == (root.get("COMMAND", "") == "EXEC"));
+  const Json::Value& task = root["TASK"];
+  if (peek.exec && task.isObject() && task["TASKID"].isInt())
+    FUZZ_CHECK(peek.taskId == task["TASKID"].asInt());
 }
 
 }  // namespace
 
+}  // namespace
+
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  // Level 0 so that every log line of the dispatch is built and written.
-  fileLog = new logFile(static_cast<char>(0), "/dev/null");
-  // One endpoint for the whole process: its constructor starts a network thread.
-  sentRecorder = new SentRecorder(fileLog);
-  endpoint = sentRecorder;
-  pools[0] = new QueueRecorder();
-  pools[1] = new QueueRecorder();
-  webPool = pools[0];
-  monitorPool = pools[1];
-  agentExit = recordExit;
   OrderSettings settings;
   settings.pluginPathExec = kCatalogue;
-  publishOrderSettings(std::move(settings));
+  // Small enough that longer inputs take the path of an order too long to be read.
+  settings.maxOrderBytes = 512;
+  fakes = &dispatchFakes::install(std::move(settings));
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string frame(reinterpret_cast<const char*>(data), size);
-  sentRecorder->sent.clear();
-  exits = 0;
-  for (QueueRecorder* pool : pools) pool->queued.clear();
+  fakes->clear();
 
   on_message(std::weak_ptr<void>(), frame);
 
   FUZZ_CHECK(die_orva == 0);
-  const std::size_t sent = sentRecorder->sent.size();
-  const std::size_t queued = pools[0]->queued.size() + pools[1]->queued.size();
-  FUZZ_CHECK(sent + queued + exits <= 1);
+  const std::size_t sent = fakes->link->sent.size();
+  const std::size_t queued = fakes->web->queued.size() + fakes->monitor->queued.size();
+  FUZZ_CHECK(sent + queued + fakes->exits <= 1);
+  FUZZ_CHECK(fakes->exits == 0 || fakes->exitStatus == 0);
   if (frame.find("EXEC") == std::string::npos) FUZZ_CHECK(sent + queued == 0);
-  if (sent == 1) checkAnswer(sentRecorder->sent.front());
-  for (const QueueRecorder* pool : pools) {
+  if (sent == 1) checkAnswer(fakes->link->sent.front());
+  for (const dispatchFakes::QueueRecorder* pool : {fakes->web, fakes->monitor}) {
     for (const std::shared_ptr<service>& s : pool->queued) {
       FUZZ_CHECK(kCatalogue.count(s->Getname()) == 1);
       FUZZ_CHECK(s->Getpath() == kCatalogue.at(s->Getname()));
     }
   }
+  checkPeek(frame);
   return 0;
 }

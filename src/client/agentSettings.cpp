@@ -90,6 +90,7 @@ constexpr unsigned long long kMaxSeconds = 24 * 3600;
 constexpr unsigned long long kMaxWorkers = 100000;
 constexpr unsigned long long kMaxOutput = 1ULL << 30;
 constexpr unsigned long long kMaxQueue = 10000000;
+constexpr unsigned long long kMaxOrderBytes = 1ULL << 30;
 
 }  // namespace
 
@@ -110,6 +111,8 @@ AgentSettings readAgentSettings(iniConfig& config, std::vector<std::string>& pro
   // A file that cannot be read ends the agent at start-up and refuses a reload: never unchecked.
   settings.pluginRules = config.getKey("NIVO", "plugin_rules");
   settings.maxQueue = static_cast<int>(keys.count("NIVO", "max_queue", kMaxQueue));
+  settings.maxOrderBytes =
+      static_cast<std::size_t>(keys.count("NIVO", "max_order_bytes", kMaxOrderBytes));
   settings.proxy = keys.proxy("NIVO", "proxy_url", settings.proxyUrl);
   settings.fallbackUrls = keys.serverUrls("NIVO", "fallback_urls");
   return settings;

@@ -32,6 +32,7 @@ struct AgentSettings {
   int pongTimeout = 30;           // pong_timeout: seconds a ping waits for its pong; 0 off
   std::string pluginRules;        // plugin_rules: the file of what each plugin may run with
   int maxQueue = 0;               // max_queue: orders that may wait in the two pools together
+  std::size_t maxOrderBytes = 0;  // max_order_bytes: bytes an EXEC frame may hold
   std::string proxyUrl;           // proxy_url: as written, password included
   std::optional<ProxyUrl> proxy;  // proxy_url read; nullopt when absent or unusable
   std::vector<std::string> fallbackUrls;  // fallback_urls: servers tried after server_url

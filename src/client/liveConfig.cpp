@@ -26,7 +26,7 @@ const ConfigKey kKeys[] = {
     {"NIVO", "open_timeout", false},  {"NIVO", "unknown_on_failure", true},
     {"NIVO", "pong_timeout", false},  {"NIVO", "plugin_rules", true},
     {"NIVO", "max_queue", true},      {"NIVO", "proxy_url", false},
-    {"NIVO", "fallback_urls", false},
+    {"NIVO", "fallback_urls", false}, {"NIVO", "max_order_bytes", true},
 };
 
 const char kSerialNumber[] = "serial number";

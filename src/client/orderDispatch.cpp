@@ -70,6 +70,36 @@ bool roomInQueues(int bound, QAVEL& qavel, int identifier) {
   return false;
 }
 
+// When an order too long to be read was last logged; the network thread only.
+std::chrono::steady_clock::time_point tooLargeSaid;
+constexpr auto kTooLargeLogInterval = std::chrono::minutes(1);
+
+// True when `frame` is an EXEC frame beyond `bound`: then it has been answered at once, read no
+// further than its identifier, never queued. What such an order would cost (the parsed document,
+// its argument list, the copies of its parameter text along the way) is never spent.
+bool refusedAsTooLarge(const std::string& frame, std::size_t bound) {
+  if (bound == 0 || frame.size() <= bound) return false;
+  const QAVEL::FramePeek peek = QAVEL::peekFrame(frame);
+  if (!peek.exec) return false;
+  agentCounters.countOrder();
+  agentCounters.countRefusal(Refusal::TooLarge);
+  const std::string size = std::to_string(frame.size());
+  const std::string limit = std::to_string(bound);
+  // A line a minute at most: a server that sends such orders in a loop must not fill the log.
+  const auto now = std::chrono::steady_clock::now();
+  if (tooLargeSaid == std::chrono::steady_clock::time_point() ||
+      now - tooLargeSaid >= kTooLargeLogInterval) {
+    tooLargeSaid = now;
+    logLine(3, "NIVO max_order_bytes: an EXEC order of ", size, " bytes (bound ", limit,
+            ") was answered UNKNOWN at once, unrun; such orders are logged once a minute at most");
+  }
+  QAVEL qavel;
+  answerUnrun(qavel, peek.taskId, 5, 3,
+              "UNKNOWN: the order is " + size + " bytes long, above the agent's bound of " + limit +
+                  " bytes (max_order_bytes); it was not run");
+  return true;
+}
+
 // An order's service, with the counters its run is counted under.
 class countedService : public service {
  public:
@@ -81,15 +111,17 @@ class countedService : public service {
   const std::shared_ptr<PluginCounters> counters_;
 };
 
-void dispatchOrder(QAVEL& qavel, int& identifier) {
-  const Json::Value order = qavel.getTaskJSONRequest();
+void dispatchOrder(QAVEL& qavel, const std::shared_ptr<const OrderSettings>& settings,
+                   int& identifier) {
+  const Json::Value& order = qavel.taskRequest();
   identifier = order["TASKID"].asInt();
   const std::string name = order["NAME"].asString();
-  const std::string parameter = order["PARAMETER"].asString();
+  std::string parameter = order["PARAMETER"].asString();
   const int priority = order["PRIORITY"].asInt();
+  // The document is not needed any more: a long parameter text is held once less from here on.
+  qavel.releaseMessage();
   logLine(0, "EXEC plugin ", name, " ", parameter);
 
-  const std::shared_ptr<const OrderSettings> settings = currentOrderSettings();
   const auto plugin = settings->pluginPathExec.find(name);
   if (plugin == settings->pluginPathExec.end()) {
     logLine(2, "EXEC plugin: error plugin not defined");
@@ -101,14 +133,14 @@ void dispatchOrder(QAVEL& qavel, int& identifier) {
   svc->SetService_id(static_cast<unsigned long long>(static_cast<long long>(identifier)));
   svc->Setname(name);
   svc->Setpath(plugin->second);
-  svc->Setparameter(parameter);
+  svc->Setparameter(std::move(parameter));
   svc->SetRunLimits(settings->limits);
   if (settings->rules) {
-    const PluginRules::Verdict verdict = settings->rules->check(name, svc->getVectorParam());
+    const PluginRules::Verdict verdict = settings->rules->check(name, svc->parameterList());
     if (!verdict.allowed) {
       // At WARNING, with what was asked for: a refusal is worth an audit, whoever sent it.
       logLine(3, "EXEC plugin: ", name, " refused, ", verdict.refusal, "; parameter: '",
-              printableForLog(parameter, kAuditedParameterBytes), "'");
+              printableForLog(svc->parameterText(), kAuditedParameterBytes), "'");
       agentCounters.countRefusal(Refusal::NotAllowed);
       answerUnrun(qavel, identifier, 2, -1,
                   "EXEC plugin: " + name + " not allowed: " + verdict.refusal);
@@ -128,8 +160,10 @@ void dispatchOrder(QAVEL& qavel, int& identifier) {
 void on_message(std::weak_ptr<void> /*hdl*/, std::string message) {
   try {
     logLine(0, "Receive message ", message);
+    const std::shared_ptr<const OrderSettings> settings = currentOrderSettings();
+    if (refusedAsTooLarge(message, settings->maxOrderBytes)) return;
     QAVEL qavel;
-    qavel.parseMessage(message);
+    qavel.parseMessage(std::move(message));
     const std::string command = qavel.getQAVELCommand();
     logLine(0, "COMMAND ", command);
     if (command == "REGISTER-RESPONSE") {
@@ -143,7 +177,7 @@ void on_message(std::weak_ptr<void> /*hdl*/, std::string message) {
       agentCounters.countOrder();
       int identifier = 0;
       try {
-        dispatchOrder(qavel, identifier);
+        dispatchOrder(qavel, settings, identifier);
       } catch (const Json::LogicError& e) {
         const std::string text = kJsonFailure + std::string(e.what());
         logLine(4, text);

@@ -24,6 +24,7 @@ void takeUpOrderSettings(const LiveConfig& config) {
   orders.pluginPathExec = config.catalogue;
   orders.rules = config.rules;
   orders.maxQueue = config.settings.maxQueue;
+  orders.maxOrderBytes = config.settings.maxOrderBytes;
   orders.limits = {config.settings.pluginTimeout, config.settings.maxOutput,
                    config.settings.unknownOnFailure};
   publishOrderSettings(std::move(orders));

@@ -5,6 +5,7 @@
 // only (the reload is served there, in normal context, never in the signal handler).
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <string>
@@ -20,6 +21,8 @@ struct OrderSettings {
   // Null: any arguments. Checked on the network thread only, which keeps its hashes up to date.
   std::shared_ptr<PluginRules> rules;
   int maxQueue = 0;  // orders that may wait in the two pools together; 0: no bound
+  // Bytes an EXEC frame may hold; a longer one is answered at once, unread. 0: no bound.
+  std::size_t maxOrderBytes = 0;
   RunLimits limits;
   // The run counters of each plugin of the catalogue; filled by publishOrderSettings.
   std::map<std::string, std::shared_ptr<PluginCounters>> counters;

@@ -396,13 +396,14 @@ void WSSEndpoint::onPongTimeout(websocketpp::connection_hdl hdl) {
 }
 
 void WSSEndpoint::on_message(websocketpp::connection_hdl hdl, client::message_ptr msg) {
-  const std::string payload = msg->get_payload();
+  // Taken over, not copied: a frame may be tens of megabytes, and the library drops it anyway.
+  std::string payload = std::move(msg->get_raw_payload());
   traceJoined(0, "on_message function: ", payload);
   // Read before the loan: while lent out, a borrower may store a new callback.
   const MessageCallback callback = callback_;
   if (callback != nullptr) {
     const CallbackLoan loan(*this);
-    callback(std::move(hdl), payload);
+    callback(std::move(hdl), std::move(payload));
   }
   traceJoined(0, "on_message function end");
 }

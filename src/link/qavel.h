@@ -29,12 +29,27 @@ class QAVEL {
   void Trace(std::string message);
 
   // Parses into the root; a malformed text leaves a null or partial root and is not reported.
+  // The text is not copied: move a long one in, and it is freed once parsed.
   void parseMessage(std::string message);
   void parseMessage(const char* message);
+  // Drops the parsed document, once what is needed of it has been read.
+  void releaseMessage();
 
   std::string getQAVELCommand();                   // "COMMAND", "" when absent
   std::string getQAVELParameter(const char* key);  // a top-level member as text, "" when absent
   Json::Value getTaskJSONRequest();                // copy of "TASK"
+  // "TASK" itself (null when absent), valid until the next parse or release.
+  const Json::Value& taskRequest() const;
+
+  // What a frame says of itself without being parsed into a document: whether it is an "EXEC"
+  // and its task identifier (0 when it has none that is an integer). Read the way the parser
+  // would read it (comments skipped, the last of repeated members taken), as far as the text is
+  // well formed, and without a copy of any long member: for a frame too long to be read whole.
+  struct FramePeek {
+    bool exec = false;
+    int taskId = 0;
+  };
+  static FramePeek peekFrame(const std::string& text);
   // A new Task (owned by the caller) from an "EXEC-RESPONSE" task object.
   Task* getTask();
 

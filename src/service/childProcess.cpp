@@ -313,12 +313,11 @@ pid_t withSignalsBlocked(const ChildSetup& setup, Start start) {
 
 }  // namespace
 
+// execve takes char* const[] for historical reasons; it never writes through them.
 ArgumentVector::ArgumentVector(const std::string& program, const std::vector<std::string>& items) {
-  strings_.reserve(items.size() + 1);
-  strings_.push_back(program);
-  strings_.insert(strings_.end(), items.begin(), items.end());
-  pointers_.reserve(strings_.size() + 1);
-  for (std::string& s : strings_) pointers_.push_back(s.data());
+  pointers_.reserve(items.size() + 2);
+  pointers_.push_back(const_cast<char*>(program.c_str()));
+  for (const std::string& item : items) pointers_.push_back(const_cast<char*>(item.c_str()));
   pointers_.push_back(nullptr);
 }
 

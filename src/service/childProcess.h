@@ -17,7 +17,8 @@
 #include <vector>
 
 // The argv of execve: the program path, the items, a null pointer. Built whole before the start,
-// because the child may not allocate.
+// because the child may not allocate. It points into the strings it is given, which must outlive
+// it: an argument may be megabytes long, and is not copied again.
 class ArgumentVector {
  public:
   ArgumentVector(const std::string& program, const std::vector<std::string>& items);
@@ -27,7 +28,6 @@ class ArgumentVector {
   char* const* get() const noexcept { return pointers_.data(); }
 
  private:
-  std::vector<std::string> strings_;
   std::vector<char*> pointers_;
 };
 

@@ -38,12 +38,14 @@ std::size_t utf8Boundary(const std::string& text) {
 
 }  // namespace
 
-// No escape character: a backslash is an ordinary character, and the tokenizer never throws.
+// No escape character: a backslash is an ordinary character, and the tokenizer never throws. The
+// separator is driven directly rather than through boost::tokenizer's iterator, whose tokens can
+// only be copied: each token is moved into the list, so a long text is held once, not twice.
 void appendParameterTokens(const std::string& text, std::vector<std::string>& tokens) {
-  const boost::escaped_list_separator<char> separator("", " ", "\"'");
-  for (const std::string& token :
-       boost::tokenizer<boost::escaped_list_separator<char>>(text, separator)) {
-    if (!token.empty()) tokens.push_back(token);
+  boost::escaped_list_separator<char> separator("", " ", "\"'");
+  auto next = text.begin();
+  for (std::string token; separator(next, text.end(), token);) {
+    if (!token.empty()) tokens.push_back(std::move(token));
   }
 }
 

@@ -84,6 +84,9 @@ class service {
   std::string Getparameter() const;
   std::string GetOID() const;
   std::vector<std::string> getVectorParam() const;
+  // The same two without a copy, valid while the record lives and its parameter is not set again.
+  const std::string& parameterText() const { return parameter_; }
+  const std::vector<std::string>& parameterList() const { return vectorParam_; }
   std::vector<std::string> getVectorAlertingParam() const;
   std::string Getpath() const;
   std::string GetAlertingSoftware() const;
