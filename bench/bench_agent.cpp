@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "tools/harness/agentSandbox.h"
+#include "tools/harness/answerBook.h"
 #include "tools/peer/qavelServer.h"
 
 namespace {
@@ -135,90 +136,6 @@ CpuTimes cpuTimes(pid_t pid) {
           (std::stod(field[13]) + std::stod(field[14])) / tick};
 }
 
-// Every EXEC-RESPONSE the peer receives, by task, with its arrival time. A hook may send the next
-// order from the peer's thread.
-class Answers {
- public:
-  void record(const qavel::ReceivedFrame& frame) {
-    if (!frame.isJson || frame.json.get("COMMAND", "") != "EXEC-RESPONSE") return;
-    const int task = frame.json["TASK"].get("TASKID", -1).asInt();
-    std::function<void()> next;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      ++count_[task];
-      ++total_;
-      last_ = Clock::now();
-      arrival_[task] = last_;
-      next = onAnswer_;
-    }
-    changed_.notify_all();
-    if (next) next();
-  }
-  void onAnswer(std::function<void()> hook) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    onAnswer_ = std::move(hook);
-  }
-  bool waitFor(std::size_t total) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [&] { return total_ >= total; });
-  }
-  Clock::time_point arrival(int task) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return arrival_[task];
-  }
-  Clock::time_point last() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return last_;
-  }
-  // Tasks first..last: how many were never answered, and how many answers came more than once.
-  std::pair<int, int> lostAndDuplicated(int first, int last) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    int lost = 0;
-    int duplicated = 0;
-    for (int task = first; task <= last; ++task) {
-      const int seen = count_.count(task) ? count_[task] : 0;
-      if (seen == 0) ++lost;
-      if (seen > 1) duplicated += seen - 1;
-    }
-    return {lost, duplicated};
-  }
-  std::size_t total() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return total_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::map<int, int> count_;
-  std::map<int, Clock::time_point> arrival_;
-  std::size_t total_ = 0;
-  Clock::time_point last_;
-  std::function<void()> onAnswer_;
-};
-
-// How many REGISTER frames the peer has received.
-class Registrations {
- public:
-  void record(const qavel::ReceivedFrame& frame) {
-    if (!frame.isJson || frame.json.get("COMMAND", "") != "REGISTER") return;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      ++count_;
-    }
-    changed_.notify_all();
-  }
-  bool waitFor(int count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [&] { return count_ >= count; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int count_ = 0;
-};
-
 // The SHA-256 of a file, as sha256sum prints it.
 std::string sha256Of(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
@@ -251,10 +168,7 @@ class Bench {
   void run(const std::string& agent, const std::string& sandboxRun) {
     baseline();
     qavel::ServerOptions options;
-    options.onFrame = [this](const qavel::ReceivedFrame& frame) {
-      registrations_.record(frame);
-      answers_.record(frame);
-    };
+    options.onFrame = [this](const qavel::ReceivedFrame& frame) { answers_.record(frame); };
     qavel::QavelServer server(options);
     server.start();
     server_ = &server;
@@ -281,14 +195,14 @@ class Bench {
         std::make_unique<agentSandbox>(paths, "wss://127.0.0.1:" + std::to_string(server_->port()));
     sandbox->addPlugin("check_dummy", kPlugin);
     if (configure) configure(*sandbox);
-    const std::size_t before = answers_.total();
+    const std::size_t before = answers_.size();
     sandbox->start({"-f", "/etc/nivo/qavel.conf"});  // production logging: no debug lines
     sandbox_ = sandbox.get();
     // The link the peer's sends go to is the newest: wait for this agent's REGISTER first.
-    if (!registrations_.waitFor(++agents_))
+    if (!answers_.waitForRegister(kPatience, ++agents_))
       fail("the agent did not register; its log:\n" + sandbox->log());
     send(nextTask_++, 5);  // waits for the pools if they do not exist yet
-    if (!answers_.waitFor(before + 1))
+    if (!answers_.waitForCount(before + 1))
       fail("the agent did not answer; its log:\n" + sandbox->log());
     return sandbox;
   }
@@ -368,13 +282,13 @@ class Bench {
       const std::lock_guard<std::mutex> lock(sendLock_);
       if (nextInFlight_ <= lastInFlight_) send(nextInFlight_++, 5);
     });
-    const std::size_t before = answers_.total();
+    const std::size_t before = answers_.size();
     const CpuTimes cpuBefore = cpuTimes(sandbox_->pid());
     const auto start = Clock::now();
     // Not under sendLock_: the hook runs on the peer's thread, which this send waits for.
     for (int task = first; task < first + window; ++task) send(task, 5);
-    if (!answers_.waitFor(before + orders)) fail("orders left unanswered");
-    const double elapsed = seconds(answers_.last() - start);
+    if (!answers_.waitForCount(before + orders)) fail("orders left unanswered");
+    const double elapsed = seconds(answers_.lastArrival() - start);
     const CpuTimes cpuAfter = cpuTimes(sandbox_->pid());
     answers_.onAnswer(nullptr);
     return {orders / elapsed, (cpuAfter.own - cpuBefore.own) / orders,
@@ -394,10 +308,10 @@ class Bench {
     std::vector<double> latencies;
     for (int i = 0; i < 500; ++i) {
       const int task = nextTask_++;
-      const std::size_t before = answers_.total();
+      const std::size_t before = answers_.size();
       const auto start = Clock::now();
       send(task, priority);
-      if (!answers_.waitFor(before + 1)) fail("an order was left unanswered");
+      if (!answers_.waitForCount(before + 1)) fail("an order was left unanswered");
       latencies.push_back(seconds(answers_.arrival(task) - start));
     }
     const double slower = percentile(latencies, 0.5) - bareP50_;
@@ -410,23 +324,23 @@ class Bench {
     const int first = nextTask_;
     const int last = first + count - 1;
     nextTask_ = last + 1;
-    const std::size_t before = answers_.total();
+    const std::size_t before = answers_.size();
     long peakThreads = 0;
     const auto start = Clock::now();
     for (int task = first; task <= last; ++task) send(task, 1 + task % 9);
     // Waits while answers keep coming; the pools never shrink, so sampling catches the peak.
-    std::size_t seen = answers_.total();
+    std::size_t seen = answers_.size();
     auto progress = Clock::now();
-    while (answers_.total() < before + count && Clock::now() - progress < kPatience) {
+    while (answers_.size() < before + count && Clock::now() - progress < kPatience) {
       peakThreads = std::max(peakThreads, sandbox_->procStatus("Threads"));
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      if (answers_.total() != seen) {
-        seen = answers_.total();
+      if (answers_.size() != seen) {
+        seen = answers_.size();
         progress = Clock::now();
       }
     }
     peakThreads = std::max(peakThreads, sandbox_->procStatus("Threads"));
-    const double elapsed = seconds(answers_.last() - start);
+    const double elapsed = seconds(answers_.lastArrival() - start);
     const auto [lost, duplicated] = answers_.lostAndDuplicated(first, last);
     const double checksPerSecond = (count - lost) / elapsed;
     char text[160];
@@ -475,9 +389,8 @@ class Bench {
 
   const int orders_;
   qavel::QavelServer* server_ = nullptr;
-  Answers answers_;
-  Registrations registrations_;
-  int agents_ = 0;                         // started so far
+  AnswerBook answers_{kPatience};
+  std::size_t agents_ = 0;                 // started so far
   const agentSandbox* sandbox_ = nullptr;  // the agent of the row
   int nextTask_ = 1;
   std::mutex sendLock_;

@@ -8,15 +8,14 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <thread>
 
 #include "tools/harness/agentSandbox.h"
+#include "tools/harness/answerBook.h"
 #include "tools/peer/qavelServer.h"
 
 namespace {
@@ -28,32 +27,6 @@ constexpr auto kPatience = std::chrono::seconds(120);
   std::fprintf(stderr, "bench_order_memory: %s\n", what.c_str());
   std::exit(1);
 }
-
-// The latest EXEC-RESPONSE the peer received, and how many there were.
-class LastAnswer {
- public:
-  void record(const qavel::ReceivedFrame& frame) {
-    if (!frame.isJson || frame.json.get("COMMAND", "") != "EXEC-RESPONSE") return;
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      answer_ = frame.json;
-      ++count_;
-    }
-    changed_.notify_all();
-  }
-  Json::Value waitFor(int count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (!changed_.wait_for(lock, kPatience, [&] { return count_ >= count; }))
-      fail("the agent did not answer");
-    return answer_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  Json::Value answer_;
-  int count_ = 0;
-};
 
 double mebibytes(long kilobytes) { return static_cast<double>(kilobytes) / 1024; }
 
@@ -88,7 +61,7 @@ class Bench {
     if (!sandbox.waitForLog("Pool exec is running", kPatience) && !sandbox.running())
       fail("the agent did not start; its log:\n" + sandbox.log());
     server_->sendExec(++task_, "check_dummy", "0 OK", 5);  // every pool and buffer in use once
-    answers_.waitFor(task_);
+    if (answers_.to(task_).empty()) fail("the agent did not answer; its log:\n" + sandbox.log());
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
 
     // From here the high-water mark starts at the resident memory as it is now.
@@ -96,7 +69,9 @@ class Bench {
     const long before = sandbox.procStatus("VmRSS");
     const std::string parameter(static_cast<std::size_t>(megabytes_) * 1000 * 1000, 'x');
     server_->sendExec(++task_, "check_dummy", parameter, 5);
-    const Json::Value answer = answers_.waitFor(task_);
+    const std::vector<Json::Value> answered = answers_.to(task_);
+    if (answered.empty()) fail("the agent did not answer; its log:\n" + sandbox.log());
+    const Json::Value& answer = answered.front();
     const long peak = sandbox.procStatus("VmHWM");
     if (before < 0 || peak < 0) fail("the agent ended; its log:\n" + sandbox.log());
 
@@ -112,7 +87,7 @@ class Bench {
   const int megabytes_;
   const agentSandbox::Paths paths_;
   qavel::QavelServer* server_ = nullptr;
-  LastAnswer answers_;
+  AnswerBook answers_{kPatience};
   int task_ = 0;
 };
 

@@ -20,6 +20,7 @@
 
 #include "tests/common/eventually.h"
 #include "tools/harness/agentSandbox.h"
+#include "tools/harness/answerBook.h"
 #include "tools/peer/qavelServer.h"
 
 namespace agentTest {
@@ -35,95 +36,6 @@ const std::string kPlugins = NIVO_TEST_PLUGIN_DIR;
 const std::string kLinkFailure = "NIVO  QAVEL Link exception ";
 const std::string kExitedNormally = "exit status 0";
 const std::vector<std::string> kDebugArguments = {"-D", "-f", "/etc/nivo/qavel.conf"};
-
-// Every "EXEC-RESPONSE" the peer receives, in arrival order. Fed from the peer's frame callback, so
-// that thousands of answers are counted without copying the peer's frame list each time. A wait
-// gives up early once the agent has been gone for a second (what it sent has arrived by then).
-class AnswerBook {
- public:
-  // Called on the waiting thread only.
-  void setAgentAlive(std::function<bool()> alive) { alive_ = std::move(alive); }
-
-  void record(const qavel::ReceivedFrame& frame) {
-    if (!frame.isJson || !frame.json.isObject()) return;
-    {
-      const std::lock_guard<std::mutex> guard(lock_);
-      if (frame.json["COMMAND"] == "REGISTER")
-        registered_ = true;
-      else if (frame.json["COMMAND"] == "EXEC-RESPONSE")
-        answers_.push_back(frame.json);
-      else
-        return;
-      lastArrival_ = Clock::now();
-    }
-    changed_.notify_all();
-  }
-
-  bool waitForRegister(Clock::duration limit = kWait) {
-    std::unique_lock<std::mutex> guard(lock_);
-    return waitWhileAlive(guard, limit, [this] { return registered_; });
-  }
-
-  // The answers, once there are at least `count` of them (fewer after the limit).
-  std::vector<Json::Value> wait(std::size_t count, Clock::duration limit = kWait) {
-    std::unique_lock<std::mutex> guard(lock_);
-    waitWhileAlive(guard, limit, [&] { return answers_.size() >= count; });
-    return answers_;
-  }
-
-  // Every answer to `taskId`, once there is one.
-  std::vector<Json::Value> to(int taskId, Clock::duration limit = kWait) {
-    const auto mine = [&] {
-      std::vector<Json::Value> found;
-      for (const Json::Value& answer : answers_)
-        if (answer["TASK"]["TASKID"] == taskId) found.push_back(answer);
-      return found;
-    };
-    std::unique_lock<std::mutex> guard(lock_);
-    waitWhileAlive(guard, limit, [&] { return !mine().empty(); });
-    return mine();
-  }
-
-  std::size_t size() const {
-    const std::lock_guard<std::mutex> guard(lock_);
-    return answers_.size();
-  }
-
-  Clock::time_point lastArrival() const {
-    const std::lock_guard<std::mutex> guard(lock_);
-    return lastArrival_;
-  }
-
-  static std::map<int, std::vector<Json::Value>> byTask(const std::vector<Json::Value>& answers) {
-    std::map<int, std::vector<Json::Value>> found;
-    for (const Json::Value& answer : answers) {
-      const Json::Value& id = answer["TASK"]["TASKID"];
-      found[id.isInt() ? id.asInt() : -1].push_back(answer);
-    }
-    return found;
-  }
-
- private:
-  template <typename Done>
-  bool waitWhileAlive(std::unique_lock<std::mutex>& guard, Clock::duration limit, Done done) {
-    const auto deadline = Clock::now() + limit;
-    std::optional<Clock::time_point> gone;
-    while (!done()) {
-      const auto now = Clock::now();
-      if (now >= deadline || (gone && now - *gone > std::chrono::seconds(1))) return false;
-      if (!gone && alive_ && !alive_()) gone = now;
-      changed_.wait_for(guard, std::chrono::milliseconds(100));
-    }
-    return true;
-  }
-
-  std::function<bool()> alive_;
-  mutable std::mutex lock_;
-  std::condition_variable changed_;
-  std::vector<Json::Value> answers_;
-  bool registered_ = false;
-  Clock::time_point lastArrival_;
-};
 
 // What an order answered exactly once has received.
 inline std::vector<Json::Value> once(Json::Value answer) { return {std::move(answer)}; }
@@ -211,7 +123,7 @@ class AgentTest : public ::testing::Test {
 
   // Declared in this order so that the agent goes before the peer (an agent that outlived its peer
   // would see a lost link) and the peer before the book that its callback fills.
-  AnswerBook answers_;
+  AnswerBook answers_{kWait};
   std::unique_ptr<qavel::QavelServer> server_;
   std::unique_ptr<agentSandbox> sandbox_;
 
