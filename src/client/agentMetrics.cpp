@@ -91,6 +91,9 @@ PluginResult resultOf(const service& finished) {
   switch (finished.GetRunOutcome()) {
     case RunOutcome::TimedOut:
       return PluginResult::Timeout;
+    case RunOutcome::LimitReached:
+      // A result label of its own would change the file of every agent that never sets a limit.
+      return PluginResult::Unknown;
     case RunOutcome::NotRun:
     case RunOutcome::Failed:
       return PluginResult::Failed;

@@ -24,7 +24,8 @@ enum class PluginResult { Ok, Warning, Critical, Unknown, Timeout, Failed };
 enum class Refusal { UnknownPlugin, NotAllowed, QueueFull, Malformed };
 
 // The result a finished service is counted under: its outcome, else its return code (0 to 3 are
-// the four states; anything else, RETURN 4 and 5 included, is unknown).
+// the four states; anything else, RETURN 4 and 5 included, is unknown). A run ended by its rule's
+// cpu= or memory= limit is unknown too.
 PluginResult resultOf(const service& finished);
 
 // The runs of one plugin; shared by every order for it, on any thread.
