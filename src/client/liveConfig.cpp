@@ -48,8 +48,9 @@ void readKeyTexts(iniConfig& config, const std::string& serialFile, LiveConfig& 
 }
 
 std::shared_ptr<PluginRules> readRules(const std::string& path,
-                                       const std::map<std::string, std::string>& catalogue) {
-  return path.empty() ? nullptr : std::make_shared<PluginRules>(path, catalogue);
+                                       const std::map<std::string, std::string>& catalogue,
+                                       int confinementAbi) {
+  return path.empty() ? nullptr : std::make_shared<PluginRules>(path, catalogue, confinementAbi);
 }
 
 LiveConfig readLiveConfig(iniConfig& config, const std::string& serialFile,
