@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,10 @@ struct AgentGauges {
   Pool web;
   Pool monitor;
   std::vector<std::string> plugins;  // the catalogue in use: the plugins whose series are shown
+  // The Landlock ABI plugins are confined with, 0 when they are not (confinementAbi()); unset
+  // while confine_plugins is absent from the configuration, and then the family is not written,
+  // so that the file of an agent that never set the key stays as it was.
+  std::optional<int> confinementAbi;
 };
 
 class agentMetrics {

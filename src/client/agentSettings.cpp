@@ -102,6 +102,8 @@ AgentSettings readAgentSettings(iniConfig& config, std::vector<std::string>& pro
   settings.maxQueue = static_cast<int>(keys.count("NIVO", "max_queue", kMaxQueue));
   settings.proxy = keys.proxy("NIVO", "proxy_url", settings.proxyUrl);
   settings.fallbackUrls = keys.serverUrls("NIVO", "fallback_urls");
+  settings.confinePlugins = keys.flag("NIVO", "confine_plugins");
+  settings.confinePluginsGiven = !config.getKey("NIVO", "confine_plugins").empty();
   return settings;
 }
 

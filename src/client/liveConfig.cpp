@@ -6,6 +6,7 @@
 #include "src/client/hostDiscovery.h"
 #include "src/common/convertTo.h"
 #include "src/common/iniConfig.h"
+#include "src/service/pluginConfinement.h"
 
 namespace {
 
@@ -26,7 +27,7 @@ const ConfigKey kKeys[] = {
     {"NIVO", "open_timeout", false},  {"NIVO", "unknown_on_failure", true},
     {"NIVO", "pong_timeout", false},  {"NIVO", "plugin_rules", true},
     {"NIVO", "max_queue", true},      {"NIVO", "proxy_url", false},
-    {"NIVO", "fallback_urls", false},
+    {"NIVO", "fallback_urls", false}, {"NIVO", "confine_plugins", true},
 };
 
 const char kSerialNumber[] = "serial number";
@@ -61,7 +62,8 @@ LiveConfig readLiveConfig(iniConfig& config, const std::string& serialFile,
   // Without a log: the start-up's lines on each plugin are not written again at every reload.
   live.catalogue = pluginCatalogue(config.getKey("NIVO", "plugin_dir"),
                                    readPluginList(config.getKey("NIVO", "plugin_list")), nullptr);
-  live.rules = readRules(live.settings.pluginRules, live.catalogue);
+  live.rules = readRules(live.settings.pluginRules, live.catalogue,
+                         confinementAbi(live.settings.confinePlugins));
   return live;
 }
 
