@@ -92,6 +92,9 @@ PluginResult resultOf(const service& finished) {
   switch (finished.GetRunOutcome()) {
     case RunOutcome::TimedOut:
       return PluginResult::Timeout;
+    case RunOutcome::LimitReached:
+      // A result label of its own would change the file of every agent that never sets a limit.
+      return PluginResult::Unknown;
     case RunOutcome::NotRun:
     case RunOutcome::Failed:
       return PluginResult::Failed;
@@ -201,6 +204,10 @@ std::string agentMetrics::exposition(const AgentGauges& gauges) const {
   out.sample("", number(static_cast<std::uint64_t>(gauges.maxQueue)));
   out.family("nivo_agent_workers", "gauge", "Worker threads of a pool.");
   poolSamples(out, gauges, &AgentGauges::Pool::workers);
+  out.family("nivo_agent_confinement_abi", "gauge",
+             "The Landlock ABI plugins are confined with (confine_plugins); 0: not confined.");
+  if (gauges.confinementAbi)
+    out.sample("", number(static_cast<std::uint64_t>(*gauges.confinementAbi)));
 
   const std::int64_t lastResult = lastResultMilliseconds_.load(std::memory_order_relaxed);
   out.family("nivo_agent_last_result_timestamp_seconds", "gauge",

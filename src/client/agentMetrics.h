@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,7 +25,8 @@ enum class PluginResult { Ok, Warning, Critical, Unknown, Timeout, Failed };
 enum class Refusal { UnknownPlugin, NotAllowed, QueueFull, Malformed, TooLarge };
 
 // The result a finished service is counted under: its outcome, else its return code (0 to 3 are
-// the four states; anything else, RETURN 4 and 5 included, is unknown).
+// the four states; anything else, RETURN 4 and 5 included, is unknown). A run ended by its rule's
+// cpu= or memory= limit is unknown too.
 PluginResult resultOf(const service& finished);
 
 // The runs of one plugin; shared by every order for it, on any thread.
@@ -53,6 +55,10 @@ struct AgentGauges {
   Pool web;
   Pool monitor;
   std::vector<std::string> plugins;  // the catalogue in use: the plugins whose series are shown
+  // The Landlock ABI plugins are confined with, 0 when they are not (confinementAbi()); unset
+  // while confine_plugins is absent from the configuration, and then the family is not written,
+  // so that the file of an agent that never set the key stays as it was.
+  std::optional<int> confinementAbi;
 };
 
 class agentMetrics {

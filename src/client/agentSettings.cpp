@@ -4,24 +4,14 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 
 #include <sstream>
 
 #include "src/common/iniConfig.h"
+#include "src/common/wholeNumber.h"
 
 namespace {
-
-// A whole decimal number from 0 to `max`, nothing around it. Unlike the base keys' lenient
-// conversion, "6O" or "-1" here is refused rather than read as 6 or a huge unsigned value: a
-// limit that silently became something else would be worse than no limit.
-bool parseCount(const std::string& text, unsigned long long max, unsigned long long& value) {
-  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return false;
-  errno = 0;
-  value = std::strtoull(text.c_str(), nullptr, 10);
-  return errno == 0 && value <= max;
-}
 
 class KeyReader {
  public:
@@ -34,7 +24,7 @@ class KeyReader {
     const std::string text = config_.getKey(section, key);
     if (text.empty()) return fallback;
     unsigned long long value = 0;
-    if (parseCount(text, max, value)) return value;
+    if (parseWholeNumber(text, max, value)) return value;
     problems_.push_back(std::string(section) + "/" + key + ": '" + text +
                         "' is not a whole number from 0 to " + std::to_string(max) +
                         "; the key is ignored");
@@ -115,6 +105,8 @@ AgentSettings readAgentSettings(iniConfig& config, std::vector<std::string>& pro
       static_cast<std::size_t>(keys.count("NIVO", "max_order_bytes", kMaxOrderBytes));
   settings.proxy = keys.proxy("NIVO", "proxy_url", settings.proxyUrl);
   settings.fallbackUrls = keys.serverUrls("NIVO", "fallback_urls");
+  settings.confinePlugins = keys.flag("NIVO", "confine_plugins");
+  settings.confinePluginsGiven = !config.getKey("NIVO", "confine_plugins").empty();
   return settings;
 }
 

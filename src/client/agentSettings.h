@@ -36,6 +36,9 @@ struct AgentSettings {
   std::string proxyUrl;           // proxy_url: as written, password included
   std::optional<ProxyUrl> proxy;  // proxy_url read; nullopt when absent or unusable
   std::vector<std::string> fallbackUrls;  // fallback_urls: servers tried after server_url
+  bool confinePlugins = false;  // confine_plugins: every plugin run confined with Landlock
+  // confine_plugins is in the configuration (0 or 1): the metrics then show the ABI in use.
+  bool confinePluginsGiven = false;
 };
 
 // True for a text the link can be given as a server's URL: "wss://", something after it, and no

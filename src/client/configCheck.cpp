@@ -18,6 +18,7 @@
 #include "src/client/hostDiscovery.h"
 #include "src/client/liveConfig.h"
 #include "src/common/iniConfig.h"
+#include "src/service/pluginConfinement.h"
 
 #ifndef NIVO_VERSION
 #define NIVO_VERSION "unknown"
@@ -100,8 +101,8 @@ class Checker {
   Checker(const std::string& configPath, const FixedFiles& fixed)
       : configPath_(configPath), config_(configPath), fixed_(fixed) {}
 
-  std::vector<std::string> run() {
-    if (!configurationUsable()) return problems_;
+  void run() {
+    if (!configurationUsable()) return;
     checkLogFiles();
     checkSerialNumber();
     const AgentSettings settings = readAgentSettings(config_, problems_);
@@ -111,8 +112,11 @@ class Checker {
     checkServerUrl();
     checkIpCommand();
     checkThread();
-    return problems_;
+    checkConfinement(settings);
   }
+
+  const std::vector<std::string>& problems() const { return problems_; }
+  const std::vector<std::string>& notes() const { return notes_; }
 
  private:
   void add(const std::string& problem) { problems_.push_back(problem); }
@@ -282,7 +286,8 @@ class Checker {
                   const std::map<std::string, std::string>& catalogue) {
     if (settings.pluginRules.empty()) return;
     try {
-      const std::shared_ptr<PluginRules> rules = readRules(settings.pluginRules, catalogue);
+      const std::shared_ptr<PluginRules> rules =
+          readRules(settings.pluginRules, catalogue, confinementAbi(settings.confinePlugins));
       for (const std::string& problem : rules->problems()) add("NIVO/plugin_rules: " + problem);
     } catch (const FileException& e) {
       add(std::string("NIVO/plugin_rules: ") + e.what() + "; the agent does not start");
@@ -323,10 +328,21 @@ class Checker {
     if (workers < 1) add("NIVO/thread: '" + visible(text) + "' is not a worker count of 1 or more");
   }
 
+  // What the kernel cannot enforce is said, but is no fault of the configuration: a reload (which
+  // runs this check) must go through on an older kernel. A kernel with no Landlock at all is:
+  // every order would be refused.
+  void checkConfinement(const AgentSettings& settings) {
+    if (!settings.confinePlugins) return;
+    const LandlockSupport& support = LandlockSupport::get();
+    std::vector<std::string>& into = support.abi() == 0 ? problems_ : notes_;
+    for (const std::string& line : support.warnings()) into.push_back(line);
+  }
+
   const std::string configPath_;
   iniConfig config_;
   const FixedFiles fixed_;
   std::vector<std::string> problems_;
+  std::vector<std::string> notes_;  // printed, but leave the exit status 0
 };
 
 }  // namespace
@@ -334,7 +350,9 @@ class Checker {
 const char* version() { return NIVO_VERSION; }
 
 std::vector<std::string> problems(const std::string& configPath, const FixedFiles& fixed) {
-  return Checker(configPath, fixed).run();
+  Checker checker(configPath, fixed);
+  checker.run();
+  return checker.problems();
 }
 
 int answer(Request what, const std::string& configPath, const FixedFiles& fixed,
@@ -347,10 +365,12 @@ int answer(Request what, const std::string& configPath, const FixedFiles& fixed,
       out << "qavel-client " << version() << std::endl;
       return 0;
     case kCheckConfig: {
-      const std::vector<std::string> found = problems(configPath, fixed);
-      for (const std::string& line : found) out << line << '\n';
+      Checker checker(configPath, fixed);
+      checker.run();
+      for (const std::string& line : checker.problems()) out << line << '\n';
+      for (const std::string& line : checker.notes()) out << line << '\n';
       out.flush();
-      return found.empty() ? 0 : 1;
+      return checker.problems().empty() ? 0 : 1;
     }
     case kNone:
       break;

@@ -30,11 +30,13 @@ struct FixedFiles {
 const char* version();
 
 // Every problem of the configuration at `configPath` and of the files it names, one line each;
-// empty when nothing is wrong. Read and write permissions are those of the calling user.
+// empty when nothing is wrong. Read and write permissions are those of the calling user. With
+// confine_plugins=1 on a kernel without Landlock, one line says that every order would be refused.
 std::vector<std::string> problems(const std::string& configPath, const FixedFiles& fixed);
 
 // Serves `what` on `out` and returns the process's exit status: 0, or 1 when the check found a
-// problem.
+// problem. The check prints its problems, then a line for each restriction of confine_plugins=1
+// that the kernel cannot enforce, which leaves the status 0.
 int answer(Request what, const std::string& configPath, const FixedFiles& fixed, std::ostream& out);
 
 }  // namespace configCheck

@@ -6,6 +6,7 @@
 #include "src/client/hostDiscovery.h"
 #include "src/common/convertTo.h"
 #include "src/common/iniConfig.h"
+#include "src/service/pluginConfinement.h"
 
 namespace {
 
@@ -27,6 +28,7 @@ const ConfigKey kKeys[] = {
     {"NIVO", "pong_timeout", false},  {"NIVO", "plugin_rules", true},
     {"NIVO", "max_queue", true},      {"NIVO", "proxy_url", false},
     {"NIVO", "fallback_urls", false}, {"NIVO", "max_order_bytes", true},
+    {"NIVO", "confine_plugins", true},
 };
 
 const char kSerialNumber[] = "serial number";
@@ -48,8 +50,9 @@ void readKeyTexts(iniConfig& config, const std::string& serialFile, LiveConfig& 
 }
 
 std::shared_ptr<PluginRules> readRules(const std::string& path,
-                                       const std::map<std::string, std::string>& catalogue) {
-  return path.empty() ? nullptr : std::make_shared<PluginRules>(path, catalogue);
+                                       const std::map<std::string, std::string>& catalogue,
+                                       int confinementAbi) {
+  return path.empty() ? nullptr : std::make_shared<PluginRules>(path, catalogue, confinementAbi);
 }
 
 LiveConfig readLiveConfig(iniConfig& config, const std::string& serialFile,
@@ -60,7 +63,8 @@ LiveConfig readLiveConfig(iniConfig& config, const std::string& serialFile,
   // Without a log: the start-up's lines on each plugin are not written again at every reload.
   live.catalogue = pluginCatalogue(config.getKey("NIVO", "plugin_dir"),
                                    readPluginList(config.getKey("NIVO", "plugin_list")), nullptr);
-  live.rules = readRules(live.settings.pluginRules, live.catalogue);
+  live.rules = readRules(live.settings.pluginRules, live.catalogue,
+                         confinementAbi(live.settings.confinePlugins));
   return live;
 }
 

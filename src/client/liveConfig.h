@@ -36,14 +36,16 @@ struct LiveConfig {
 // `serialFile`, under the name "serial number").
 void readKeyTexts(iniConfig& config, const std::string& serialFile, LiveConfig& into);
 
-// The rules file at `path` for `catalogue`; null for an empty path. Throws FileException when it
-// cannot be read.
+// The rules file at `path` for `catalogue`, each line with its confinement for `confinementAbi`
+// (confinementAbi(settings.confinePlugins); 0: not confined); null for an empty path. Throws
+// FileException when it cannot be read.
 std::shared_ptr<PluginRules> readRules(const std::string& path,
-                                       const std::map<std::string, std::string>& catalogue);
+                                       const std::map<std::string, std::string>& catalogue,
+                                       int confinementAbi = 0);
 
-// The whole configuration, read again. `problems` gets the values the agent cannot use, one line a
-// key. Throws FileException when the configuration, the plugin list or the rules file cannot be
-// read, and
+// The whole configuration, read again, the rules with the confinement confine_plugins asks for.
+// `problems` gets the values the agent cannot use, one line a key. Throws FileException when the
+// configuration, the plugin list or the rules file cannot be read, and
 // std::filesystem::filesystem_error when the plugin directory cannot be listed.
 LiveConfig readLiveConfig(iniConfig& config, const std::string& serialFile,
                           std::vector<std::string>& problems);

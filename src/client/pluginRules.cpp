@@ -5,13 +5,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include "src/client/hashedExecutable.h"
 #include "src/common/convertTo.h"
 #include "src/common/logFile.h"
+#include "src/common/wholeNumber.h"
+#include "src/service/pluginConfinement.h"
 #include "src/service/service.h"
 
 namespace {
@@ -117,6 +121,31 @@ std::string readRulesFile(const std::string& path) {
 
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
+// Bounds that keep the limits in range of every later conversion (MiB to bytes included).
+constexpr unsigned long long kMaxCpuSeconds = 24 * 3600;
+constexpr unsigned long long kMaxMemoryMib = 1ULL << 20;  // 1 TiB
+
+// The items of a comma-separated value; an empty one stays, to be refused.
+std::vector<std::string> commaSeparated(const std::string& value) {
+  std::vector<std::string> items;
+  for (std::size_t start = 0;;) {
+    const std::size_t comma = value.find(',', start);
+    items.push_back(value.substr(start, comma - start));
+    if (comma == std::string::npos) return items;
+    start = comma + 1;
+  }
+}
+
+// A whole number from 1 to `max`, or 0 with `problem` set.
+unsigned long long positive(const std::string& option, const std::string& value,
+                            unsigned long long max, const char* unit, std::string& problem) {
+  unsigned long long number = 0;
+  if (parseWholeNumber(value, max, number) && number > 0) return number;
+  problem = option + " '" + value + "' is not a whole number of " + unit + " from 1 to " +
+            std::to_string(max);
+  return 0;
+}
+
 std::size_t skipBlanks(const std::string& line, std::size_t at) {
   while (at < line.size() && isBlank(line[at])) ++at;
   return at;
@@ -129,6 +158,9 @@ struct PluginRules::Plugin {
     bool anyArguments = true;
     std::vector<Regex> patterns;
     std::optional<HashedExecutable::Digest> sha256;
+    std::vector<std::string> writePaths;
+    std::vector<std::uint16_t> connectPorts;
+    RuleLimits limits;  // the confinement is built once the whole line is known to be usable
 
     bool allows(const std::vector<std::string>& arguments) const {
       if (anyArguments) return true;
@@ -142,6 +174,7 @@ struct PluginRules::Plugin {
   // The fields after the name, from `at` on; empty `problem` when the whole line can be used.
   static Rule parse(const std::string& line, std::size_t at, std::string& problem) {
     Rule rule;
+    std::set<std::string> given;
     for (at = skipBlanks(line, at); at < line.size(); at = skipBlanks(line, at)) {
       if (line.compare(at, 5, "args=") == 0) {
         rule.anyArguments = false;
@@ -157,16 +190,53 @@ struct PluginRules::Plugin {
       while (end < line.size() && !isBlank(line[end])) ++end;
       const std::string field = line.substr(at, end - at);
       at = end;
-      if (field.compare(0, 7, "sha256=") != 0) {
+      const std::size_t equals = field.find('=');
+      if (equals == std::string::npos) {
         problem = "unknown field '" + field + "'";
-      } else if (rule.sha256) {
-        problem = "sha256= given twice";
-      } else if (!parseSha256(field.substr(7), rule.sha256.emplace())) {
-        problem = "'" + field.substr(7) + "' is not a SHA-256 (64 hexadecimal digits)";
+        break;
       }
+      const std::string option = field.substr(0, equals + 1);  // "NAME="
+      if (!given.insert(option).second)
+        problem = option + " given twice";
+      else
+        parseOption(option, field.substr(equals + 1), rule, problem);
       if (!problem.empty()) break;
     }
     return rule;
+  }
+
+  // One NAME=VALUE field before args=; `problem` set when it cannot be used.
+  static void parseOption(const std::string& option, const std::string& value, Rule& rule,
+                          std::string& problem) {
+    if (option == "sha256=") {
+      if (!parseSha256(value, rule.sha256.emplace()))
+        problem = "'" + value + "' is not a SHA-256 (64 hexadecimal digits)";
+    } else if (option == "write=") {
+      for (const std::string& path : commaSeparated(value)) {
+        if (path.empty() || path[0] != '/') {
+          problem = option + " '" + path + "' is not an absolute path";
+          return;
+        }
+        rule.writePaths.push_back(path);
+      }
+    } else if (option == "connect=") {
+      for (const std::string& port : commaSeparated(value)) {
+        unsigned long long number = 0;
+        if (!parseWholeNumber(port, 65535, number) || number == 0) {
+          problem = option + " '" + port + "' is not a TCP port from 1 to 65535";
+          return;
+        }
+        rule.connectPorts.push_back(static_cast<std::uint16_t>(number));
+      }
+    } else if (option == "cpu=") {
+      rule.limits.cpuSeconds =
+          static_cast<int>(positive(option, value, kMaxCpuSeconds, "seconds", problem));
+    } else if (option == "memory=") {
+      rule.limits.memoryMib =
+          static_cast<int>(positive(option, value, kMaxMemoryMib, "MiB", problem));
+    } else {
+      problem = "unknown field '" + option + value + "'";
+    }
   }
 
   std::vector<Rule> rules;
@@ -174,8 +244,10 @@ struct PluginRules::Plugin {
 };
 
 PluginRules::PluginRules(const std::string& path,
-                         const std::map<std::string, std::string>& catalogue)
+                         const std::map<std::string, std::string>& catalogue, int confinementAbi)
     : text_(readRulesFile(path)) {
+  // Of the lines that widen it in nothing, made once for them all.
+  std::shared_ptr<const PluginConfinement> narrowest;
   const std::string& text = text_;
   std::size_t number = 0;
   for (std::size_t start = 0; start < text.size();) {
@@ -198,6 +270,17 @@ PluginRules::PluginRules(const std::string& path,
     const auto listed = catalogue.find(name);
     if (problem.empty() && listed == catalogue.end())
       problem = name + " is not in the plugin catalogue (plugin_list, plugin_dir)";
+    if (problem.empty() && confinementAbi > 0) {
+      try {
+        const bool widened = !rule.writePaths.empty() || !rule.connectPorts.empty();
+        if (!widened && !narrowest) narrowest = PluginConfinement::make(confinementAbi);
+        rule.limits.confinement =
+            widened ? PluginConfinement::make(confinementAbi, rule.writePaths, rule.connectPorts)
+                    : narrowest;
+      } catch (const ConfinementError& e) {
+        problem = e.what();
+      }
+    }
     if (!problem.empty()) {
       problems_.push_back(path + ":" + std::to_string(number) + ": " + problem +
                           "; the line allows nothing");
@@ -236,6 +319,7 @@ PluginRules::Verdict PluginRules::check(const std::string& name,
       }
       verdict.executable = file->file;
     }
+    verdict.limits = rule.limits;
     verdict.allowed = true;
     verdict.refusal.clear();
     return verdict;

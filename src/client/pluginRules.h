@@ -2,13 +2,18 @@
 // arguments, and from which executable content. Once it is loaded, an order runs only when a line
 // of its plugin allows it; a plugin without a usable line never runs.
 //
-// One rule per line: the plugin's name, then optionally `sha256=HEX` and `args=PATTERNS`, separated
-// by blanks; `args=` comes last and takes the rest of the line. Blank lines and lines whose first
-// non-blank character is `#` are ignored. PATTERNS is split exactly as an order's parameter text is
-// (appendParameterTokens), one POSIX extended regular expression per argument; an order must have
-// as many arguments as there are patterns, each matching its own pattern whole. `args=` with
-// nothing after it allows no argument at all, a line without `args=` any arguments. `sha256=` pins
-// the executable's content (HashedExecutable). Several lines of one plugin are alternatives.
+// One rule per line: the plugin's name, then optionally the options `sha256=HEX`,
+// `write=PATH[,PATH...]`, `connect=PORT[,PORT...]`, `cpu=SECONDS` and `memory=MIB`, each once, then
+// `args=PATTERNS`, separated by blanks; `args=` comes last and takes the rest of the line. Blank
+// lines and lines whose first non-blank character is `#` are ignored. PATTERNS is split exactly as
+// an order's parameter text is (appendParameterTokens), one POSIX extended regular expression per
+// argument; an order must have as many arguments as there are patterns, each matching its own
+// pattern whole. `args=` with nothing after it allows no argument at all, a line without `args=`
+// any arguments. `sha256=` pins the executable's content (HashedExecutable). Several lines of one
+// plugin are alternatives.
+// `cpu=` and `memory=` bound the runs the line allows (RLIMIT_CPU, RLIMIT_AS); `write=` (absolute
+// paths) and `connect=` (TCP ports 1 to 65535) widen their confinement, which applies when the
+// rules are loaded with a confinement ABI: each line's Landlock ruleset is built then, once.
 //
 // A line that cannot be used allows nothing and is reported by problems(). check() updates the
 // executables' hashes: call it from one thread at a time (the dispatch's). The descriptors in its
@@ -21,6 +26,7 @@
 #include <vector>
 
 #include "src/common/uniqueFd.h"
+#include "src/service/service.h"
 
 class PluginRules {
  public:
@@ -32,11 +38,18 @@ class PluginRules {
     // The checked executable, when the allowing line pins one: hand it to service::SetExecutable.
     // Null: the plugin is started by its path.
     std::shared_ptr<const UniqueFd> executable;
+    // What the allowing line sets for the run (service::SetRuleLimits): its cpu= and memory=
+    // limits and, when the rules were loaded with a confinement ABI, its confinement (never null
+    // then).
+    RuleLimits limits;
   };
 
-  // Reads the rules file at `path` for the plugins of `catalogue` (name to executable path). Throws
-  // FileException, naming the file and the system's reason, when it cannot be read.
-  PluginRules(const std::string& path, const std::map<std::string, std::string>& catalogue);
+  // Reads the rules file at `path` for the plugins of `catalogue` (name to executable path). With
+  // `confinementAbi` (confinementAbi(): 0 when plugins are not confined) each usable line gets its
+  // confinement, built here; a line whose confinement cannot be built allows nothing. Throws
+  // FileException, naming the file and the system's reason, when the file cannot be read.
+  PluginRules(const std::string& path, const std::map<std::string, std::string>& catalogue,
+              int confinementAbi = 0);
   PluginRules(PluginRules&&) noexcept;
   PluginRules& operator=(PluginRules&&) noexcept;
   ~PluginRules();

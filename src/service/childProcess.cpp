@@ -5,6 +5,8 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -125,6 +127,54 @@ void noteStartFailure(const ChildArgs& args, int error) noexcept {
   exitChild(2);
 }
 
+// A step of the confinement or of the limits that failed: the program never runs without them.
+// Seen from outside as a failed execve, with a line naming the step.
+[[noreturn]] void failSetup(int fd, const ChildArgs& args, const char* step, int error) noexcept {
+  noteStartFailure(args, error);
+  writeText(fd, "DAEMON: plugin not run: ");
+  writeText(fd, step);
+  writeText(fd, " failed: ");
+  writeText(fd, args.errnoTexts->text(error));
+  writeText(fd, "\n");
+  exitChild(2);
+}
+
+// The kernel's struct rlimit64.
+struct KernelRlimit {
+  std::uint64_t current;
+  std::uint64_t maximum;
+};
+
+// Lowers `resource` of the child to `soft` and `hard`, each kept at or below the inherited hard
+// limit (raising it would fail for the agent's user). 0, or -1 with errno.
+long lowerLimit(int resource, std::uint64_t soft, std::uint64_t hard) noexcept {
+  KernelRlimit limit{};
+  if (sys(SYS_prlimit64, 0, resource, 0, reinterpret_cast<long>(&limit)) == -1) return -1;
+  limit.maximum = hard < limit.maximum ? hard : limit.maximum;
+  limit.current = soft < limit.maximum ? soft : limit.maximum;
+  return sys(SYS_prlimit64, 0, resource, reinterpret_cast<long>(&limit), 0);
+}
+
+// The confinement and the limits, before the child does anything else: the ruleset's descriptor
+// may be one of 0 to 2 in an agent started without them, which the output's set-up would replace.
+// Credentials and limits are the child's own, not the agent's, though it shares the agent's memory.
+// None of these calls can be interrupted by a signal.
+void confineAndLimit(int failureFd, const ChildArgs& args) noexcept {
+  const ChildSetup& setup = *args.setup;
+  if (setup.landlockRuleset >= 0) {
+    // landlock_restrict_self requires it; the plugin gains no privilege through execve either.
+    if (sys(SYS_prctl, PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == -1)
+      failSetup(failureFd, args, "prctl(PR_SET_NO_NEW_PRIVS)", errno);
+    if (sys(SYS_landlock_restrict_self, setup.landlockRuleset, 0) == -1)
+      failSetup(failureFd, args, "landlock_restrict_self", errno);
+  }
+  if (setup.cpuSeconds > 0 && lowerLimit(RLIMIT_CPU, setup.cpuSeconds, setup.cpuSeconds + 1) == -1)
+    failSetup(failureFd, args, "prlimit(RLIMIT_CPU)", errno);
+  if (setup.addressSpaceBytes > 0 &&
+      lowerLimit(RLIMIT_AS, setup.addressSpaceBytes, setup.addressSpaceBytes) == -1)
+    failSetup(failureFd, args, "prlimit(RLIMIT_AS)", errno);
+}
+
 // close_range over [first, last]; only an old kernel lacks it, and then gets the slow loop up to
 // the descriptor limit.
 void closeRange(unsigned first, unsigned last) noexcept {
@@ -153,13 +203,15 @@ int execOpenFile(int fd, const ChildSetup& setup, char* const* envp) noexcept {
 
 [[noreturn]] void runChild(const ChildArgs& args) noexcept {
   const ChildSetup& setup = *args.setup;
+  // Where a failure before the output's set-up is told.
+  const int failureFd = setup.outputFd >= 0 ? setup.outputFd : STDOUT_FILENO;
+  confineAndLimit(failureFd, args);
   int executable = setup.executableFd;
   if (executable >= 0 && executable <= STDERR_FILENO) {
     // An agent started without descriptors 0 to 2 may hold the executable there, where the
     // plugin's own are about to be set up: it moves above them first, close-on-exec still.
     executable = static_cast<int>(sys(SYS_fcntl, executable, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-    if (executable == -1)
-      failStart(setup.outputFd >= 0 ? setup.outputFd : STDOUT_FILENO, args, errno);
+    if (executable == -1) failStart(failureFd, args, errno);
   }
   if (setup.unusedFd >= 0) sys(SYS_close, setup.unusedFd);
   if (setup.outputFd >= 0) {
@@ -340,9 +392,9 @@ pid_t forkChild(const ChildSetup& setup) {
   });
 }
 
-pid_t waitRetry(pid_t pid, int* status, int options) {
+pid_t waitRetry(pid_t pid, int* status, int options, rusage* usage) {
   pid_t result;
-  while ((result = ::waitpid(pid, status, options)) == -1 && errno == EINTR) {
+  while ((result = ::wait4(pid, status, options, usage)) == -1 && errno == EINTR) {
   }
   return result;
 }
@@ -368,17 +420,17 @@ int waitReadable(int fd, const Deadline& deadline) {
   }
 }
 
-pid_t ChildProcess::wait(int* status, const Deadline& deadline) noexcept {
+pid_t ChildProcess::wait(int* status, const Deadline& deadline, rusage* usage) noexcept {
   pid_t result;
   if (!deadline.set()) {
-    result = waitRetry(pid_, status, WUNTRACED | WCONTINUED);
+    result = waitRetry(pid_, status, WUNTRACED | WCONTINUED, usage);
   } else {
     // There is no waitpid with a time-out. Once the output has ended, the child normally ends
     // within microseconds, so the first looks come quickly; one that closed its output and runs
     // on is looked at every 50 ms at most.
     auto pause = std::chrono::microseconds(20);
     for (;;) {
-      result = waitRetry(pid_, status, WNOHANG | WUNTRACED | WCONTINUED);
+      result = waitRetry(pid_, status, WNOHANG | WUNTRACED | WCONTINUED, usage);
       if (result != 0) break;
       const int left = deadline.millisecondsLeft();
       if (left == 0) return 0;

@@ -7,9 +7,12 @@
 // system calls and nothing else: it shares the agent's memory, so it must not allocate, lock or
 // call a function that a sanitizer intercepts (that would write the interceptor's state in the
 // agent's memory). The file is built without sanitizer instrumentation for the same reason.
+// A confined plugin's child first restricts itself (no_new_privs, Landlock) and lowers its resource
+// limits: the kernel keeps credentials and limits per process, so the agent keeps its own.
 #pragma once
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -47,6 +50,16 @@ struct ChildSetup {
   // Set by a child of spawnChild that could not start the program: why (an errno value). It is
   // still seen as before from outside: a line on its output and exit status 2.
   int* startError = nullptr;
+  // A Landlock ruleset (PluginConfinement) the child restricts itself with, after no_new_privs,
+  // before it touches any descriptor; -1: not confined. Used before the child closes what it does
+  // not pass on, so it may stay close-on-exec.
+  int landlockRuleset = -1;
+  // RLIMIT_CPU in seconds (SIGXCPU then, SIGKILL a second later) and RLIMIT_AS in bytes; 0: as
+  // inherited. Only ever lowered: never above the inherited hard limit.
+  unsigned long long cpuSeconds = 0;
+  unsigned long long addressSpaceBytes = 0;
+  // A failed step of these never starts the program: the child ends as when execve fails, with a
+  // line naming the step.
 };
 
 // The plugin way: clone(CLONE_VM | CLONE_VFORK), returning once the child has called execve or
@@ -57,8 +70,8 @@ pid_t spawnChild(const ChildSetup& setup);
 // The same child steps after a plain fork() (the alerting program).
 pid_t forkChild(const ChildSetup& setup);
 
-// waitpid, retried on EINTR.
-pid_t waitRetry(pid_t pid, int* status, int options);
+// waitpid, retried on EINTR; with `usage`, wait4 and the ended child's resource usage there.
+pid_t waitRetry(pid_t pid, int* status, int options, rusage* usage = nullptr);
 
 // A point in time some whole seconds from now, or none at all (0 seconds).
 class Deadline {
@@ -90,8 +103,9 @@ class ChildProcess {
   ~ChildProcess();
 
   // waitpid(pid, WUNTRACED | WCONTINUED); -1 with errno on failure. With a set deadline, 0 when
-  // the child has not ended, stopped or continued by then.
-  pid_t wait(int* status, const Deadline& deadline = Deadline(0)) noexcept;
+  // the child has not ended, stopped or continued by then. With `usage`, the resource usage of a
+  // child that ended (its CPU time, with that of the children it waited for).
+  pid_t wait(int* status, const Deadline& deadline = Deadline(0), rusage* usage = nullptr) noexcept;
   pid_t pid() const noexcept { return pid_; }
 
  private:

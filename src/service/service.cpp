@@ -3,9 +3,11 @@
 #include "src/common/convertTo.h"
 #include "src/common/uniqueFd.h"
 #include "src/service/childProcess.h"
+#include "src/service/pluginConfinement.h"
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -81,6 +83,7 @@ service::service(const service& other) {
   service_idStr_ = other.GetService_idStr();
   stdout_ = other.GetStdout();
   limits_ = other.limits_;
+  ruleLimits_ = other.ruleLimits_;
   runOutcome_ = other.runOutcome_;
   runDuration_ = other.runDuration_;
   executable_ = other.GetExecutable();
@@ -117,6 +120,8 @@ void service::Setinterval_exec_time(int interval) {
 void service::SetReturnCode(int code) { returnCode_ = code; }
 
 void service::SetRunLimits(const RunLimits& limits) { limits_ = limits; }
+
+void service::SetRuleLimits(const RuleLimits& limits) { ruleLimits_ = limits; }
 
 void service::SetExecutable(std::shared_ptr<const UniqueFd> executable) {
   executable_ = std::move(executable);
@@ -253,6 +258,10 @@ int service::execute() {
   setup.execFailurePrefix = "DAEMON: plugin is not executable ";
   setup.ownProcessGroup = true;
   setup.executableFd = executable_ ? executable_->get() : -1;
+  const RuleLimits& rule = ruleLimits_;
+  setup.landlockRuleset = rule.confinement ? rule.confinement->rulesetFd() : -1;
+  setup.cpuSeconds = static_cast<unsigned long long>(rule.cpuSeconds);
+  setup.addressSpaceBytes = static_cast<unsigned long long>(rule.memoryMib) << 20;
   int startError = 0;
   setup.startError = &startError;
   const pid_t pid = spawnChild(setup);
@@ -268,9 +277,10 @@ int service::execute() {
   stdout_ = output;
 
   int status = 0;
+  rusage usage{};
   pid_t waited = 0;
   if (!timedOut) {
-    waited = child.wait(&status, deadline);
+    waited = child.wait(&status, deadline, &usage);
     if (waited == 0) {  // its output ended, the plugin ran on past its limit
       timedOut = true;
       ::kill(-pid, SIGTERM);
@@ -290,6 +300,12 @@ int service::execute() {
 
   if ((status & 0x7f) != 0) {  // ended by a signal, stopped or continued
     returnCode_ = 3;
+    const std::string limit = limitEnding(status, usage);
+    if (!limit.empty()) {
+      runOutcome_ = RunOutcome::LimitReached;
+      stdout_ = limit;
+      return 3;
+    }
     stdout_ = "Error: orva can't execute " + path_;
     throw serviceException("Error: orva can't execute " + description() + output);
   }
@@ -311,6 +327,26 @@ int service::execute() {
   }
   stdout_ = std::move(output);
   return code;
+}
+
+std::string service::limitEnding(int status, const rusage& usage) const {
+  if (!WIFSIGNALED(status)) return "";
+  const int signal = WTERMSIG(status);
+  const RuleLimits& rule = ruleLimits_;
+  if (rule.cpuSeconds > 0) {
+    // SIGXCPU at the limit; SIGKILL a second later, should the plugin catch or ignore SIGXCPU.
+    const long long usedMicroseconds = (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000000LL +
+                                       usage.ru_utime.tv_usec + usage.ru_stime.tv_usec;
+    if (signal == SIGXCPU || (signal == SIGKILL && usedMicroseconds >= rule.cpuSeconds * 1000000LL))
+      return "UNKNOWN: plugin ended by its CPU time limit (cpu=" + std::to_string(rule.cpuSeconds) +
+             " seconds)\n";
+  }
+  // What an allocation refused by RLIMIT_AS ends a program with: a stack that cannot grow, an
+  // abort() on a failed allocation. The agent cannot be sure, so it names the limit, not a cause.
+  if (rule.memoryMib > 0 && (signal == SIGSEGV || signal == SIGBUS || signal == SIGABRT))
+    return "UNKNOWN: plugin ended by signal SIG" + std::string(::sigabbrev_np(signal)) +
+           " under its address-space limit (memory=" + std::to_string(rule.memoryMib) + " MiB)\n";
+  return "";
 }
 
 int service::executeAlertingSoftware(std::string error) {

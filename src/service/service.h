@@ -17,11 +17,26 @@
 #include "src/common/uniqueFd.h"
 
 class Deadline;
+class PluginConfinement;
+struct rusage;
 
 // Failure of a plugin or alerting-program run; the message names the service.
 class serviceException : public MessageException {
  public:
   using MessageException::MessageException;
+};
+
+// What the plugin rule that allowed an order sets for its run (PluginRules::Verdict), and the
+// confinement of every run when there are no rules; 0 and null mean none. A plugin ended by one of
+// these limits returns 3 with a text naming the limit where the agent can tell, and is not run
+// again: it would only reach the limit again.
+struct RuleLimits {
+  // RLIMIT_CPU: SIGXCPU after this many seconds of CPU time, SIGKILL a second later.
+  int cpuSeconds = 0;
+  // RLIMIT_AS, in MiB: an allocation beyond it fails.
+  int memoryMib = 0;
+  // The Landlock ruleset the plugin runs under (NIVO/confine_plugins); null: not confined.
+  std::shared_ptr<const PluginConfinement> confinement;
 };
 
 // Bounds of one plugin run beyond the default behaviour; 0 and false mean none.
@@ -39,9 +54,10 @@ struct RunLimits {
 // How the last run of execute() ended.
 enum class RunOutcome {
   NotRun,
-  Completed,  // the plugin ran and ended: its return code tells the state
-  TimedOut,   // ended by the time limit
-  Failed,     // the agent could not start, read or wait for it
+  Completed,     // the plugin ran and ended: its return code tells the state
+  TimedOut,      // ended by the time limit
+  LimitReached,  // ended by its rule's cpu= or memory= limit, as far as the agent can tell
+  Failed,        // the agent could not start, read or wait for it
 };
 
 // Splits a parameter text into the arguments of a plugin and appends them to `tokens`: blanks
@@ -69,6 +85,8 @@ class service {
   void Setinterval_exec_time(int interval);
   void SetReturnCode(int code);
   void SetRunLimits(const RunLimits& limits);
+  // The allowing rule's limits and the plugin's confinement; left alone by SetRunLimits.
+  void SetRuleLimits(const RuleLimits& limits);
   // Starts the plugin from this open file (execveat) rather than by its path, so that the file
   // that was checked is the file that runs; shared, as the run may outlive the caller's copy.
   // Null, the default: by its path.
@@ -128,6 +146,9 @@ class service {
   std::string readOutput(int fd, pid_t group, const Deadline& deadline, bool& timedOut);
   // Throws the failure of a system call; with unknownOnFailure the record says it as UNKNOWN.
   [[noreturn]] void fail(const char* prefix, int error);
+  // The answer of a plugin that the rule's cpu= or memory= limit ended by a signal, as far as its
+  // wait status and resource usage tell; empty when no limit explains its end.
+  std::string limitEnding(int status, const rusage& usage) const;
 
   // "<name>\npath:<path> <parameter>", the part every error text carries.
   std::string description() const;
@@ -162,6 +183,7 @@ class service {
   std::int32_t maintenancePlannedID_ = 0;
   float cost_ = 1.0f;
   RunLimits limits_;
+  RuleLimits ruleLimits_;
   RunOutcome runOutcome_ = RunOutcome::NotRun;
   std::chrono::nanoseconds runDuration_{0};
   std::shared_ptr<const UniqueFd> executable_;

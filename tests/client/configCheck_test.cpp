@@ -5,9 +5,12 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <functional>
+#include <iostream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +18,7 @@
 #include "src/client/agentSettings.h"
 #include "src/client/liveConfig.h"
 #include "src/common/iniConfig.h"
+#include "src/service/landlock.h"
 #include "tests/common/tempDirTest.h"
 
 namespace {
@@ -72,7 +76,8 @@ class ConfigCheckTest : public TempDirTest {
           {"plugin_rules", path("plugin-rules")},
           {"max_queue", "100"},
           {"proxy_url", "HTTP://bob:pa%40ss@[fd00::1]:3128/"},
-          {"fallback_urls", "wss://b.example:8443  wss://c.example:8443"}}},
+          {"fallback_urls", "wss://b.example:8443  wss://c.example:8443"},
+          {"confine_plugins", "1"}}},
     };
   }
 
@@ -162,6 +167,10 @@ TEST_F(ConfigCheckTest, EachFaultIsOneLineNamingItsKeyOrFile) {
        "NIVO/max_output: '64K'"},
       {"rules file missing", [this] { set("NIVO", "plugin_rules", path("none")); },
        "NIVO/plugin_rules: cannot read the plugin rules " + path("none")},
+      {"write= path that is not there",
+       [this] { writeFile("plugin-rules", "check_a write=/nonexistent args=-w [0-9]+\n"); },
+       "NIVO/plugin_rules: " + path("plugin-rules") +
+           ":1: cannot allow writing beneath /nonexistent: No such file or directory"},
       {"rule for a plugin outside the catalogue",
        [this] { writeFile("plugin-rules", "check_a\ncheck_b\n"); },
        "NIVO/plugin_rules: " + path("plugin-rules") + ":2: check_b is not in the plugin catalogue"},
@@ -219,6 +228,67 @@ TEST_F(ConfigCheckTest, UnusableConfigurationIsOneLine) {
   EXPECT_EQ(configCheck::problems(path("crlf.conf"), fixedFiles()),
             std::vector<std::string>{"configuration " + path("crlf.conf") +
                                      ": CR LF line ends; the agent finds no section in it"});
+}
+
+// A regular expression matching `text` and nothing else.
+std::string exactly(const std::string& text) {
+  std::string pattern = "^";
+  for (const char c : text) {
+    if (std::strchr("\\^$.|?*+()[]{}", c) != nullptr) pattern += '\\';
+    pattern += c;
+  }
+  return pattern + "$";
+}
+
+// What the kernel cannot enforce is said without failing the check (a reload runs it), and no
+// Landlock at all fails it. The ABI cap NIVO_LANDLOCK_ABI_MAX is read once per process: each case
+// runs the check in a process of its own.
+TEST_F(ConfigCheckTest, RestrictionsTheKernelCannotEnforceAreSaid) {
+  // Asked of the kernel itself: this process's answer would be capped in each case's process.
+  ASSERT_GE(landlock::createRuleset(nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION), 6)
+      << "this test wants a kernel with Landlock ABI 6";
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const std::string key = "NIVO/confine_plugins: ";
+  const auto cannot = [&key](int abi, std::vector<const char*> restrictions) {
+    std::string lines;
+    for (const char* restriction : restrictions)
+      lines += key + "Landlock ABI " + std::to_string(abi) + " cannot restrict " + restriction +
+               "; plugins run without that restriction\n";
+    return lines;
+  };
+  const char* const fromAbi4[] = {"TCP bind and connect (ABI 4)", "ioctl on devices (ABI 5)",
+                                  "signals and abstract UNIX sockets (ABI 6)"};
+  const struct {
+    const char* cap;
+    const char* confine;
+    int status;
+    std::string out;
+  } cases[] = {
+      {"6", "1", 0, ""},
+      {"3", "1", 0, cannot(3, {fromAbi4[0], fromAbi4[1], fromAbi4[2]})},
+      {"2", "1", 0, cannot(2, {"truncating files (ABI 3)", fromAbi4[0], fromAbi4[1], fromAbi4[2]})},
+      {"0", "1", 1,
+       key + "NIVO_LANDLOCK_ABI_MAX=0 leaves no Landlock ABI (a test setting); every order is "
+             "refused\n"},
+      {"0", "0", 0, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string("cap ") + c.cap + ", confine_plugins=" + c.confine);
+    set("NIVO", "confine_plugins", c.confine);
+    writeConfig();
+    ::setenv("NIVO_LANDLOCK_ABI_MAX", c.cap, 1);
+    EXPECT_EXIT(
+        {
+          std::ostringstream out;
+          const int status =
+              configCheck::answer(configCheck::kCheckConfig, path("qavel.conf"), fixedFiles(), out);
+          std::cerr << out.str();
+          std::filesystem::remove_all(dir_);
+          std::exit(status);
+        },
+        ::testing::ExitedWithCode(c.status), exactly(c.out));
+  }
+  ::unsetenv("NIVO_LANDLOCK_ABI_MAX");
 }
 
 // The key reader takes the first line of a section that holds the key's text anywhere: in the

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <fstream>
 #include <map>
 #include <string>
 #include <thread>
@@ -15,6 +16,7 @@
 
 #include "src/client/hostDiscovery.h"
 #include "src/common/logFile.h"
+#include "src/service/pluginConfinement.h"
 #include "src/service/service.h"
 #include "tests/common/rewriteInPlace.h"
 #include "tests/common/tempDirTest.h"
@@ -99,7 +101,14 @@ TEST_F(PluginRulesTest, UnusableLineAllowsNothingAndIsReportedWithItsNumber) {
       "check_load args=(x)\\1*\n"
       "check_load args=x)|(y)\n"
       "check_ping args=x\n"
-      "check_load args=-x\n");
+      "check_load args=-x\n"
+      "check_load write=tmp/x args=x\n"
+      "check_load write=/tmp, args=x\n"
+      "check_load connect=0 args=x\n"
+      "check_load connect=5666,65536 args=x\n"
+      "check_load cpu=0 args=x\n"
+      "check_load memory=-1 args=x\n"
+      "check_load cpu=5 memory=64 cpu=5 args=x\n");
   const std::string at = path("rules") + ":";
   const std::string nothing = "; the line allows nothing";
   EXPECT_EQ(
@@ -112,10 +121,58 @@ TEST_F(PluginRulesTest, UnusableLineAllowsNothingAndIsReportedWithItsNumber) {
           at + "5: '(x)\\1*': back-references are not allowed" + nothing,
           at + "6: 'x)|(y)': a ')' without its '('" + nothing,
           at + "7: check_ping is not in the plugin catalogue (plugin_list, plugin_dir)" + nothing,
+          at + "9: write= 'tmp/x' is not an absolute path" + nothing,
+          at + "10: write= '' is not an absolute path" + nothing,
+          at + "11: connect= '0' is not a TCP port from 1 to 65535" + nothing,
+          at + "12: connect= '65536' is not a TCP port from 1 to 65535" + nothing,
+          at + "13: cpu= '0' is not a whole number of seconds from 1 to 86400" + nothing,
+          at + "14: memory= '-1' is not a whole number of MiB from 1 to 1048576" + nothing,
+          at + "15: cpu= given twice" + nothing,
       }));
   EXPECT_EQ(check(rules, "check_load", "x").refusal, kNoRule);
   EXPECT_EQ(check(rules, "check_ping", "x").refusal, kNoRule);
   EXPECT_TRUE(check(rules, "check_load", "-x").allowed);
+}
+
+// The allowing line's limits go with its verdict, and with a confinement ABI its confinement,
+// built at load: one for all the lines that widen it in nothing, one for each that does. A write=
+// path that cannot be used then makes its line allow nothing.
+TEST_F(PluginRulesTest, OptionsGoWithTheVerdictOfTheLineThatAllows) {
+  const int abi = LandlockSupport::get().abi();
+  ASSERT_GT(abi, 0) << "this test wants a kernel with Landlock";
+  const std::string rulesText =
+      "check_load cpu=5 memory=64 args=a\n"
+      "check_disk write=" +
+      dir_ +
+      ",/dev/shm connect=5666 args=b\n"
+      "check_swap write=" +
+      path("absent") +
+      " args=c\n"
+      "check_users\n"
+      "check_dummy\n";
+  writeFile("rules", rulesText);
+  const std::string absentPath = path("rules") + ":3: cannot allow writing beneath " +
+                                 path("absent") +
+                                 ": No such file or directory; the line allows nothing";
+  for (const int confinementAbi : {0, abi}) {
+    SCOPED_TRACE(confinementAbi);
+    PluginRules rules(path("rules"), catalogue(), confinementAbi);
+    const bool confined = confinementAbi > 0;
+    EXPECT_EQ(rules.problems(),
+              confined ? std::vector<std::string>{absentPath} : std::vector<std::string>{});
+    const PluginRules::Verdict load = check(rules, "check_load", "a");
+    EXPECT_EQ(load.limits.cpuSeconds, 5);
+    EXPECT_EQ(load.limits.memoryMib, 64);
+    EXPECT_EQ(check(rules, "check_swap", "c").allowed, !confined);
+    const auto users = check(rules, "check_users", "").limits.confinement;
+    const auto disk = check(rules, "check_disk", "b").limits.confinement;
+    EXPECT_EQ(check(rules, "check_disk", "b").limits.cpuSeconds, 0);
+    EXPECT_EQ(load.limits.confinement != nullptr, confined);
+    EXPECT_EQ(users, load.limits.confinement);
+    EXPECT_EQ(users, check(rules, "check_dummy", "").limits.confinement);
+    EXPECT_EQ(disk != nullptr, confined);
+    EXPECT_EQ(disk == users, !confined);
+  }
 }
 
 // Until the clock that stamps files has passed the file's last change: a hash taken from now on
@@ -195,6 +252,45 @@ TEST(ShippedPluginRules, AllowTheDocumentedOrdersOnly) {
   };
   for (const auto& [name, parameter, allowed] : orders)
     EXPECT_EQ(check(rules, name, parameter).allowed, allowed) << name << " " << parameter;
+}
+
+// Every line of the package's rules against its example order (the comment above it, after its
+// first ": "): the order is allowed, and the real plugin answers it confined with what its line
+// gives it.
+TEST(ShippedPluginRules, EachLinesExampleAnswersConfined) {
+  const int abi = LandlockSupport::get().abi();
+  ASSERT_GT(abi, 0) << "this test wants a kernel with Landlock";
+  const std::map<std::string, std::string> catalogue =
+      pluginCatalogue(NIVO_MONITORING_PLUGIN_DIR, readPluginList(NIVO_SAMPLE_PLUGIN_LIST), nullptr);
+  PluginRules rules(NIVO_SAMPLE_PLUGIN_RULES, catalogue, abi);
+  EXPECT_EQ(rules.problems(), std::vector<std::string>{});
+  std::ifstream file(NIVO_SAMPLE_PLUGIN_RULES);
+  std::string previous;
+  int lines = 0;
+  for (std::string line; std::getline(file, line); previous = line) {
+    if (line.empty() || line[0] == '#') continue;
+    const std::string name = line.substr(0, line.find(' '));
+    const std::size_t example = previous.find(": ");
+    ASSERT_EQ(previous.rfind("# ", 0), 0u) << "no example order above: " << line;
+    ASSERT_NE(example, std::string::npos) << previous;
+    const std::string parameter = previous.substr(example + 2);
+    SCOPED_TRACE(name + " " + parameter);
+    ++lines;
+    service s;
+    s.Setname(name);
+    s.Setpath(catalogue.at(name));
+    s.Setparameter(parameter);
+    const PluginRules::Verdict verdict = rules.check(name, s.getVectorParam());
+    ASSERT_TRUE(verdict.allowed);
+    ASSERT_NE(verdict.limits.confinement, nullptr);
+    s.SetRuleLimits(verdict.limits);
+    EXPECT_NO_THROW(s.execute());
+    // A state, never UNKNOWN: a plugin that could not do its work says so with 3.
+    EXPECT_LE(s.GetReturnCode(), 2) << s.GetStdout();
+    for (const char* refused : {"denied", "not permitted", "Read-only"})
+      EXPECT_EQ(s.GetStdout().find(refused), std::string::npos) << s.GetStdout();
+  }
+  EXPECT_GE(lines, 13);
 }
 
 }  // namespace
