@@ -10,8 +10,8 @@ namespace {
 constexpr std::size_t index(PluginResult result) { return static_cast<std::size_t>(result); }
 
 const char* const kResultLabels[] = {"ok", "warning", "critical", "unknown", "timeout", "failed"};
-const char* const kRefusalLabels[] = {"unknown_plugin", "not_allowed", "queue_full", "malformed",
-                                      "too_large"};
+const char* const kRefusalLabels[] = {"unknown_plugin", "not_allowed", "queue_full",
+                                      "malformed",      "too_large",   "not_confined"};
 const char* const kReloadLabels[] = {"refused", "applied"};
 
 double secondsSinceEpoch(std::chrono::system_clock::time_point when) {

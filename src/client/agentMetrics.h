@@ -22,7 +22,7 @@ class service;
 // How a plugin run is counted.
 enum class PluginResult { Ok, Warning, Critical, Unknown, Timeout, Failed };
 // Why an order was answered without a run.
-enum class Refusal { UnknownPlugin, NotAllowed, QueueFull, Malformed, TooLarge };
+enum class Refusal { UnknownPlugin, NotAllowed, QueueFull, Malformed, TooLarge, NotConfined };
 
 // The result a finished service is counted under: its outcome, else its return code (0 to 3 are
 // the four states; anything else, RETURN 4 and 5 included, is unknown). A run ended by its rule's
@@ -84,7 +84,7 @@ class agentMetrics {
   const double started_;
   std::string serial_;  // set before any other thread reads it
   std::atomic<std::uint64_t> orders_{0};
-  std::array<std::atomic<std::uint64_t>, 5> refusals_{};
+  std::array<std::atomic<std::uint64_t>, 6> refusals_{};
   std::array<std::atomic<std::uint64_t>, 2> reloads_{};  // failed, applied
   std::atomic<std::int64_t> lastResultMilliseconds_{0};
   mutable std::mutex pluginsLock_;

@@ -129,6 +129,11 @@ void dispatchOrder(QAVEL& qavel, const std::shared_ptr<const OrderSettings>& set
     answerUnrun(qavel, identifier, 2, -1, "EXEC plugin: error plugin not defined " + name);
     return;
   }
+  if (settings->confine && settings->confinementAbi == 0) {
+    agentCounters.countRefusal(Refusal::NotConfined);
+    answerUnrun(qavel, identifier, 2, -1, LandlockSupport::get().notRunText(name));
+    return;
+  }
   auto svc = std::make_shared<countedService>(settings->counters.at(name));
   svc->SetService_id(static_cast<unsigned long long>(static_cast<long long>(identifier)));
   svc->Setname(name);
@@ -147,6 +152,9 @@ void dispatchOrder(QAVEL& qavel, const std::shared_ptr<const OrderSettings>& set
       return;
     }
     svc->SetExecutable(verdict.executable);
+    svc->SetRuleLimits(verdict.limits);
+  } else {
+    svc->SetRuleLimits({0, 0, settings->defaultConfinement});
   }
   if (settings->maxQueue > 0 && !roomInQueues(settings->maxQueue, qavel, identifier)) return;
   logLine(0, "SEND EXEC to pool: ", name);

@@ -27,6 +27,22 @@ void takeUpOrderSettings(const LiveConfig& config) {
   orders.maxOrderBytes = config.settings.maxOrderBytes;
   orders.limits = {config.settings.pluginTimeout, config.settings.maxOutput,
                    config.settings.unknownOnFailure};
+  orders.confine = config.settings.confinePlugins;
+  orders.confineKeyGiven = config.settings.confinePluginsGiven;
+  if (orders.confine) {
+    for (const std::string& warning : LandlockSupport::get().warnings())
+      logLine(3, "NIVO configuration: ", warning);
+    orders.confinementAbi = confinementAbi(true);
+    try {
+      if (orders.confinementAbi > 0)
+        orders.defaultConfinement = PluginConfinement::make(orders.confinementAbi);
+    } catch (const ConfinementError& e) {
+      // Never unconfined: without its ruleset every order is refused, as without Landlock.
+      logLine(3, "NIVO configuration: NIVO/confine_plugins: ", e.what(),
+              "; every order is refused");
+      orders.confinementAbi = 0;
+    }
+  }
   publishOrderSettings(std::move(orders));
   if (config.rules)
     for (const std::string& problem : config.rules->problems())

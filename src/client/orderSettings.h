@@ -13,6 +13,7 @@
 #include "src/client/agentMetrics.h"
 #include "src/client/liveConfig.h"
 #include "src/client/pluginRules.h"
+#include "src/service/pluginConfinement.h"
 #include "src/service/service.h"
 
 struct OrderSettings {
@@ -24,6 +25,13 @@ struct OrderSettings {
   // Bytes an EXEC frame may hold; a longer one is answered at once, unread. 0: no bound.
   std::size_t maxOrderBytes = 0;
   RunLimits limits;
+  // confine_plugins=1: every plugin runs confined, with the ABI in use; 0 there is no Landlock, and
+  // every order is refused rather than run unconfined.
+  bool confine = false;
+  int confinementAbi = 0;
+  bool confineKeyGiven = false;  // the metrics show confinementAbi only then
+  // The confinement of every plugin when there are no rules; null when not confined.
+  std::shared_ptr<const PluginConfinement> defaultConfinement;
   // The run counters of each plugin of the catalogue; filled by publishOrderSettings.
   std::map<std::string, std::shared_ptr<PluginCounters>> counters;
 };

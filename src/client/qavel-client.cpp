@@ -28,6 +28,7 @@
 #include "src/common/uniqueFd.h"
 #include "src/common/wholeFile.h"
 #include "src/link/linkOpener.h"
+#include "src/service/pluginConfinement.h"
 
 std::string pathToConfigFile = "/etc/nivo/qavel.conf";
 std::string pathSN = "/etc/nivo/sn";
@@ -183,6 +184,7 @@ std::string renderMetrics(bool final) {
   gauges.monitor = poolGauges(pools.monitor);
   const std::shared_ptr<const OrderSettings> settings = currentOrderSettings();
   gauges.maxQueue = settings->maxQueue;
+  if (settings->confineKeyGiven) gauges.confinementAbi = settings->confinementAbi;
   for (const auto& plugin : settings->pluginPathExec) gauges.plugins.push_back(plugin.first);
   return agentCounters.exposition(gauges);
 }
@@ -262,7 +264,8 @@ void runAgent() {
   live.settings = agentSettings;
   live.catalogue = pluginCatalogue(config.getKey("NIVO", "plugin_dir"), pluginList, fileLog);
   // A rules file that cannot be read ends the agent here: it never runs an order unchecked.
-  live.rules = readRules(agentSettings.pluginRules, live.catalogue);
+  live.rules = readRules(agentSettings.pluginRules, live.catalogue,
+                         confinementAbi(agentSettings.confinePlugins));
   readKeyTexts(config, pathSN, live);
   adoptConfiguration(std::move(live));
 

@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "src/service/pluginConfinement.h"
 #include "tests/client/dispatchFakes.h"
 #include "tests/common/tempDirTest.h"
 
@@ -19,9 +20,16 @@ class OrderDispatchTest : public TempDirTest {
  protected:
   void SetUp() override {
     TempDirTest::SetUp();
+    useSettings(false);
+  }
+
+  // A catalogue of check_dummy, frames of 200 bytes at most, and plugins confined with no Landlock
+  // to do it (every order refused) when `unconfinable`.
+  void useSettings(bool unconfinable) {
     OrderSettings settings;
     settings.pluginPathExec = {{"check_dummy", kPluginPath}};
     settings.maxOrderBytes = 200;
+    settings.confine = unconfinable;
     fakes_ = &dispatchFakes::install(std::move(settings));
   }
 
@@ -83,6 +91,7 @@ TEST_F(OrderDispatchTest, OrdersThatCannotRunAreAnsweredAtOnce) {
     int taskId;
     std::string output;
     const char* reason;
+    bool unconfinable = false;
   } cases[] = {
       {order(R"({"TASKID":3,"NAME":"check_foo","PRIORITY":5})"), 2, -1, 3,
        "EXEC plugin: error plugin not defined check_foo", "unknown_plugin"},
@@ -96,10 +105,12 @@ TEST_F(OrderDispatchTest, OrdersThatCannotRunAreAnsweredAtOnce) {
        "UNKNOWN: the order is " + std::to_string(tooLarge.size()) +
            " bytes long, above the agent's bound of 200 bytes (max_order_bytes); it was not run",
        "too_large"},
+      {order(R"({"TASKID":4,"NAME":"check_dummy"})"), 2, -1, 4,
+       LandlockSupport::get().notRunText("check_dummy"), "not_confined", true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.frame.substr(0, 80));
-    fakes_->clear();
+    useSettings(c.unconfinable);
     const std::string before = refusals(c.reason);
     on_message({}, c.frame);
     const Json::Value sent = answer();

@@ -6,6 +6,7 @@
 #include <iomanip>
 #include <sstream>
 
+#include "src/service/pluginConfinement.h"
 #include "tests/common/rewriteInPlace.h"
 #include "tests/e2e/agentTest.h"
 
@@ -59,6 +60,40 @@ TEST_F(AgentTest, OrdersTheRulesDoNotAllowAreRefusedAndAPinnedPluginChangedInPla
   EXPECT_NE(sandbox_->readFile("tmp/nivo-agent.prom")
                 .find("\nnivo_agent_orders_refused_total{reason=\"not_allowed\"} 2\n"),
             std::string::npos);
+}
+
+// Confined, a plugin can neither truncate the agent's log, write in its directories, signal it nor
+// connect anywhere; its rule's write= and connect= open exactly what they name.
+TEST_F(AgentTest, ConfinedPluginsReachOnlyWhatTheirRuleOpens) {
+  if (LandlockSupport::get().abi() < 6) GTEST_SKIP() << "needs Landlock ABI 6 (Linux 6.12)";
+  addPlugin("plugin_intrude", "plugin_intrude.sh");
+  addPlugin("plugin_opened", "plugin_intrude.sh");
+  startServer();
+  const std::string port = std::to_string(server_->port());
+  sandbox_->writeFile("etc/plugin-rules", "plugin_intrude\nplugin_opened write=" +
+                                              sandbox_->path("tmp") + " connect=" + port + "\n");
+  sandbox_->setKey("NIVO", "plugin_rules", "/etc/nivo/plugin-rules");
+  sandbox_->setKey("NIVO", "confine_plugins", "1");
+  sandbox_->setKey("LOG", "metrics_file", "/tmp/nivo/nivo-agent.prom");
+  sandbox_->setKey("NIVO", "server_url", "wss://" + serverAddress());
+  sandbox_->start(agentTest::kDebugArguments);
+  ASSERT_TRUE(answers_.waitForRegister());
+  const std::string targets =
+      sandbox_->path("agent.log") + " " + sandbox_->path("tmp") + " " + port;
+
+  server_->sendExec(1, "plugin_intrude", targets, 5);
+  EXPECT_EQ(answers_.to(1),
+            once(qavel::execResponse(
+                0, 1, "truncate refused\ncreate refused\nsignal refused\nconnect refused\n", 0)));
+  server_->sendExec(2, "plugin_opened", targets, 1);
+  EXPECT_EQ(answers_.to(2),
+            once(qavel::execResponse(
+                0, 2, "truncate refused\ncreate allowed\nsignal refused\nconnect allowed\n", 0)));
+  EXPECT_TRUE(logHas("NIVO start"));
+  const std::string gauge =
+      "\nnivo_agent_confinement_abi " + std::to_string(LandlockSupport::get().abi()) + "\n";
+  EXPECT_TRUE(eventually(
+      [&] { return sandbox_->readFile("tmp/nivo-agent.prom").find(gauge) != std::string::npos; }));
 }
 
 // A rules file that cannot be read ends the agent before it connects: no order runs unchecked.
