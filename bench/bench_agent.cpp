@@ -1,8 +1,8 @@
 // End to end: the real qavel-client in a sandbox against the protocol peer in this process, every
 // order `check_dummy 0 OK`, and in the same run the bare spawn of the same plugin (posix_spawn and
 // vfork, a pipe read to its end, waitpid) as the baseline. Then 64 orders in flight against a
-// fresh agent of each opt-in that costs on the order path (metrics_file, plugin_rules), each
-// beside a fresh agent without it in the same run. Prints one table.
+// fresh agent of each opt-in that costs on the order path (metrics_file, plugin_rules,
+// confine_plugins), each beside a fresh agent without it in the same run. Prints one table.
 //   usage: bench_agent [orders per row, default 4000] [agent, default the one built beside it]
 // As root: the agent's sandbox is a private mount namespace.
 #include <fcntl.h>
@@ -222,6 +222,8 @@ class Bench {
                              "check_dummy sha256=" + hash + " args=[0-3] [A-Z]{1,8}\n");
            sandbox.setKey("NIVO", "plugin_rules", "/etc/nivo/plugin-rules");
          }},
+        {"confine_plugins on (Landlock)",
+         [](agentSandbox& sandbox) { sandbox.setKey("NIVO", "confine_plugins", "1"); }},
     };
     const int orders = orders_ * 5;
     for (const auto& [name, configure] : optIns) {
