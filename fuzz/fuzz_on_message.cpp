@@ -58,8 +58,6 @@ void checkPeek(const std::string& frame) {
 
 }  // namespace
 
-}  // namespace
-
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   OrderSettings settings;
   settings.pluginPathExec = kCatalogue;
