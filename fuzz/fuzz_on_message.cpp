@@ -63,7 +63,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   settings.pluginPathExec = kCatalogue;
   // Small enough that longer inputs take the path of an order too long to be read.
   settings.maxOrderBytes = 512;
-  fakes = &dispatchFakes::install(std::move(settings));
+  publishOrderSettings(std::move(settings));
+  fakes = &dispatchFakes::fakes();
   return 0;
 }
 
@@ -76,8 +77,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   FUZZ_CHECK(die_orva == 0);
   const std::size_t sent = fakes->link->sent.size();
   const std::size_t queued = fakes->web->queued.size() + fakes->monitor->queued.size();
-  FUZZ_CHECK(sent + queued + fakes->exits <= 1);
-  FUZZ_CHECK(fakes->exits == 0 || fakes->exitStatus == 0);
+  FUZZ_CHECK(sent + queued + fakes->exits.size() <= 1);
+  FUZZ_CHECK(fakes->exits.empty() || fakes->exits[0] == 0);
   if (frame.find("EXEC") == std::string::npos) FUZZ_CHECK(sent + queued == 0);
   if (sent == 1) checkAnswer(fakes->link->sent.front());
   for (const dispatchFakes::QueueRecorder* pool : {fakes->web, fakes->monitor}) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <cstdio>
 #include <string>
 
 #include "src/service/pluginConfinement.h"
@@ -16,153 +17,127 @@ namespace {
 
 const char kPluginPath[] = "/nonexistent/check_dummy";
 
-class OrderDispatchTest : public TempDirTest {
- protected:
-  void SetUp() override {
-    TempDirTest::SetUp();
-    useSettings(false);
-  }
+// check_dummy in the catalogue, frames of 200 bytes at most, and plugins confined without the
+// Landlock to do it (every order refused) when `unconfinable`.
+dispatchFakes::Fakes& useSettings(bool unconfinable = false) {
+  OrderSettings settings;
+  settings.pluginPathExec = {{"check_dummy", kPluginPath}};
+  settings.maxOrderBytes = 200;
+  settings.confine = unconfinable;
+  return dispatchFakes::install(std::move(settings));
+}
 
-  // A catalogue of check_dummy, frames of 200 bytes at most, and plugins confined with no Landlock
-  // to do it (every order refused) when `unconfinable`.
-  void useSettings(bool unconfinable) {
-    OrderSettings settings;
-    settings.pluginPathExec = {{"check_dummy", kPluginPath}};
-    settings.maxOrderBytes = 200;
-    settings.confine = unconfinable;
-    fakes_ = &dispatchFakes::install(std::move(settings));
-  }
+// The one answer sent, parsed; a failure when there is not exactly one.
+Json::Value answer(const dispatchFakes::Fakes& fakes) {
+  Json::Value parsed;
+  EXPECT_EQ(fakes.link->sent.size(), 1u);
+  if (!fakes.link->sent.empty()) Json::Reader().parse(fakes.link->sent.back(), parsed);
+  return parsed;
+}
 
-  // The one answer sent, parsed; a failure when there is not exactly one.
-  Json::Value answer() const {
-    Json::Value parsed;
-    if (fakes_->link->sent.size() != 1) {
-      ADD_FAILURE() << fakes_->link->sent.size() << " answers sent";
-      return parsed;
-    }
-    Json::Reader().parse(fakes_->link->sent.front(), parsed);
-    return parsed;
-  }
-
-  static std::string refusals(const char* reason) {
-    const std::string text = agentCounters.exposition(AgentGauges());
-    const std::string series =
-        "nivo_agent_orders_refused_total{reason=\"" + std::string(reason) + "\"} ";
-    const std::size_t at = text.find(series);
-    return at == std::string::npos
-               ? ""
-               : text.substr(at + series.size(), text.find('\n', at) - at - series.size());
-  }
-
-  dispatchFakes::Fakes* fakes_ = nullptr;
-};
+long refusals(const std::string& reason) {
+  const std::string text = agentCounters.exposition(AgentGauges());
+  const std::string series = "nivo_agent_orders_refused_total{reason=\"" + reason + "\"} ";
+  return std::stol(text.substr(text.find(series) + series.size()));
+}
 
 std::string order(const std::string& task) { return R"({"COMMAND":"EXEC","TASK":)" + task + "}"; }
 
-TEST_F(OrderDispatchTest, OrderGoesToThePoolOfItsPriority) {
-  const struct {
-    const char* priority;  // the member as sent, empty for none
-    bool web;
-  } cases[] = {{"4", true}, {"5", false}, {"", true}, {"-3", true}, {"9", false}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.priority);
-    fakes_->clear();
-    const std::string priority = *c.priority ? std::string(R"(,"PRIORITY":)") + c.priority : "";
-    on_message(
-        {}, order(R"({"TASKID":17,"NAME":"check_dummy","PARAMETER":"-w '80 %'")" + priority + "}"));
-    EXPECT_TRUE(fakes_->link->sent.empty());
-    const auto& queued = (c.web ? fakes_->web : fakes_->monitor)->queued;
-    ASSERT_EQ(queued.size(), 1u);
-    EXPECT_TRUE((c.web ? fakes_->monitor : fakes_->web)->queued.empty());
-    EXPECT_EQ(queued[0]->GetService_id(), 17u);
-    EXPECT_EQ(queued[0]->Getname(), "check_dummy");
-    EXPECT_EQ(queued[0]->Getpath(), kPluginPath);
-    EXPECT_EQ(queued[0]->getVectorParam(), (std::vector<std::string>{"-w", "80 %"}));
+TEST(OrderDispatch, OrderGoesToThePoolOfItsPriority) {
+  for (const std::string priority : {"4", "5", "", "-3", "9"}) {
+    SCOPED_TRACE(priority);
+    dispatchFakes::Fakes& fakes = useSettings();
+    on_message({}, order(R"({"TASKID":17,"NAME":"check_dummy","PARAMETER":"-w '80 %'")" +
+                         (priority.empty() ? "" : R"(,"PRIORITY":)" + priority) + "}"));
+    const bool web = priority.empty() || std::stoi(priority) <= 4;
+    ASSERT_EQ((web ? fakes.web : fakes.monitor)->queued.size(), 1u);
+    EXPECT_TRUE((web ? fakes.monitor : fakes.web)->queued.empty() && fakes.link->sent.empty());
+    const service& queued = *(web ? fakes.web : fakes.monitor)->queued[0];
+    EXPECT_EQ(queued.GetService_id(), 17u);
+    EXPECT_EQ(queued.Getname(), "check_dummy");
+    EXPECT_EQ(queued.Getpath(), kPluginPath);
+    EXPECT_EQ(queued.getVectorParam(), (std::vector<std::string>{"-w", "80 %"}));
   }
 }
 
-TEST_F(OrderDispatchTest, OrdersThatCannotRunAreAnsweredAtOnce) {
+TEST(OrderDispatch, OrdersThatCannotRunAreAnsweredAtOnce) {
   const std::string tooLarge =
       order(R"({"NAME":"check_dummy","PARAMETER":")" + std::string(300, 'x') + R"(","TASKID":21})");
   const struct {
     std::string frame;
-    int status;
-    int returned;
-    int taskId;
-    std::string output;
-    const char* reason;
-    bool unconfinable = false;
+    int status, returned, taskId;
+    std::string output, reason;
+    bool unconfinable;
   } cases[] = {
       {order(R"({"TASKID":3,"NAME":"check_foo","PRIORITY":5})"), 2, -1, 3,
-       "EXEC plugin: error plugin not defined check_foo", "unknown_plugin"},
+       "EXEC plugin: error plugin not defined check_foo", "unknown_plugin", false},
       {R"({"COMMAND":"EXEC"})", 2, -1, 0, "EXEC plugin: error plugin not defined ",
-       "unknown_plugin"},
+       "unknown_plugin", false},
       {order(R"({"TASKID":"17","NAME":"check_dummy"})"), 255, -2, 0,
-       "NIVO  JSON exception Value is not convertible to Int.", "malformed"},
+       "NIVO  JSON exception Value is not convertible to Int.", "malformed", false},
       {order(R"({"TASKID":9,"NAME":["check_dummy"]})"), 255, -2, 9,
-       "NIVO  JSON exception Type is not convertible to string", "malformed"},
+       "NIVO  JSON exception Type is not convertible to string", "malformed", false},
       {tooLarge, 5, 3, 21,
        "UNKNOWN: the order is " + std::to_string(tooLarge.size()) +
            " bytes long, above the agent's bound of 200 bytes (max_order_bytes); it was not run",
-       "too_large"},
+       "too_large", false},
       {order(R"({"TASKID":4,"NAME":"check_dummy"})"), 2, -1, 4,
        LandlockSupport::get().notRunText("check_dummy"), "not_confined", true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.frame.substr(0, 80));
-    useSettings(c.unconfinable);
-    const std::string before = refusals(c.reason);
+    dispatchFakes::Fakes& fakes = useSettings(c.unconfinable);
+    const long before = refusals(c.reason);
     on_message({}, c.frame);
-    const Json::Value sent = answer();
+    const Json::Value sent = answer(fakes);
     EXPECT_EQ(sent["COMMAND"], "EXEC-RESPONSE");
     EXPECT_EQ(sent["STATUS"], c.status);
     EXPECT_EQ(sent["TASK"]["RETURN"], c.returned);
     EXPECT_EQ(sent["TASK"]["TASKID"], c.taskId);
     EXPECT_EQ(sent["TASK"]["OUTPUT"], c.output);
-    EXPECT_EQ(std::stoi(refusals(c.reason)), std::stoi(before) + 1);
-    EXPECT_TRUE(fakes_->web->queued.empty() && fakes_->monitor->queued.empty());
+    EXPECT_EQ(refusals(c.reason), before + 1);
+    EXPECT_TRUE(fakes.web->queued.empty() && fakes.monitor->queued.empty());
   }
 }
 
-TEST_F(OrderDispatchTest, RegistrationAnswerEndsTheAgentUnlessItsStatusIsZero) {
+TEST(OrderDispatch, RegistrationAnswerEndsTheAgentUnlessItsStatusIsZero) {
   const struct {
     const char* frame;
-    int exits;
+    bool ends;
   } cases[] = {
-      {R"({"COMMAND":"REGISTER-RESPONSE","STATUS":0})", 0},
-      {R"({"COMMAND":"REGISTER-RESPONSE","STATUS":"0"})", 0},
-      {R"({"COMMAND":"REGISTER-RESPONSE","STATUS":1})", 1},
-      {R"({"COMMAND":"REGISTER-RESPONSE","STATUS":""})", 1},
-      {R"({"COMMAND":"REGISTER-RESPONSE"})", 1},
-      {"not json", 0},
-      {R"({"COMMAND":"PING"})", 0},
+      {R"({"COMMAND":"REGISTER-RESPONSE","STATUS":0})", false},
+      {R"({"COMMAND":"REGISTER-RESPONSE","STATUS":"0"})", false},
+      {R"({"COMMAND":"REGISTER-RESPONSE","STATUS":1})", true},
+      {R"({"COMMAND":"REGISTER-RESPONSE","STATUS":""})", true},
+      {R"({"COMMAND":"REGISTER-RESPONSE"})", true},
+      {"not json", false},
+      {R"({"COMMAND":"PING"})", false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.frame);
-    fakes_->clear();
+    dispatchFakes::Fakes& fakes = useSettings();
     on_message({}, c.frame);
-    EXPECT_EQ(fakes_->exits, c.exits);
-    EXPECT_EQ(fakes_->exitStatus, c.exits > 0 ? 0 : -1);
-    EXPECT_TRUE(fakes_->link->sent.empty());
+    EXPECT_EQ(fakes.exits, c.ends ? std::vector<int>{0} : std::vector<int>{});
+    EXPECT_TRUE(fakes.link->sent.empty());
   }
 }
 
-TEST_F(OrderDispatchTest, ResultIsReportedWithItsStatusAndStampsTheLastExecutionFile) {
+using ResultReport = TempDirTest;
+
+TEST_F(ResultReport, ResultIsSentWithItsStatusAndStampsTheLastExecutionFile) {
   pathLastExecFile = path("lastexec");
   const struct {
-    int returnCode;
-    int status;
+    int returnCode, status;
   } cases[] = {{0, 0}, {3, 0}, {4, 0}, {5, 4}, {255, 255}, {-1, 4}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.returnCode);
-    fakes_->clear();
+    dispatchFakes::Fakes& fakes = useSettings();
     std::remove(pathLastExecFile.c_str());
     auto finished = std::make_shared<service>();
     finished->SetService_id(42);
-    finished->Setname("check_dummy");
     finished->SetReturnCode(c.returnCode);
     callbackService(finished);
-    const Json::Value sent = answer();
+    const Json::Value sent = answer(fakes);
     EXPECT_EQ(sent["STATUS"], c.status);
     EXPECT_EQ(sent["TASK"]["RETURN"], c.returnCode);
     EXPECT_EQ(sent["TASK"]["TASKID"], 42);

@@ -7,8 +7,8 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
+#include <deque>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -51,6 +51,7 @@ class AgentTest : public ::testing::Test {
 
   void TearDown() override {
     if (sandbox_ != nullptr) checkAgentOutput(*sandbox_);
+    for (const Pair& pair : pairs_) checkAgentOutput(*pair.sandbox);
   }
 
   // A sandbox with plugin_exit, set up for the build under test; sandbox_ is one. A test that runs
@@ -116,6 +117,24 @@ class AgentTest : public ::testing::Test {
     return sandbox_->log().find(text) != std::string::npos;
   }
 
+  // Another agent with its own peer, for a test that runs several side by side; checked for
+  // sanitizer reports when the test ends.
+  struct Pair {
+    std::unique_ptr<qavel::QavelServer> server;
+    std::unique_ptr<agentSandbox> sandbox;
+  };
+  Pair& startPair(qavel::ServerOptions options,
+                  const std::function<void(agentSandbox&)>& configure = nullptr) {
+    pairs_.push_back({std::make_unique<qavel::QavelServer>(std::move(options)), makeSandbox()});
+    Pair& pair = pairs_.back();
+    pair.server->start();
+    pair.sandbox->setKey("NIVO", "server_url",
+                         "wss://127.0.0.1:" + std::to_string(pair.server->port()));
+    if (configure) configure(*pair.sandbox);
+    pair.sandbox->start(kDebugArguments);
+    return pair;
+  }
+
   // How the agent ended, as agentSandbox::describeEnd() puts it.
   std::string ending(std::chrono::milliseconds limit) {
     return agentSandbox::describeEnd(sandbox_->waitExit(limit));
@@ -126,6 +145,7 @@ class AgentTest : public ::testing::Test {
   AnswerBook answers_{kWait};
   std::unique_ptr<qavel::QavelServer> server_;
   std::unique_ptr<agentSandbox> sandbox_;
+  std::deque<Pair> pairs_;  // a deque: a Pair handed out stays where it is
 
  private:
   // The last bytes of a text: a failing test's log may hold plugin outputs of many megabytes.

@@ -26,10 +26,13 @@ const std::string kStopText = "stop qavel client... SIGTERM: ";
 
 const std::string kStarting = "STATUS=STARTING             \nREGISTER=NONE               \n";
 const std::string kConnecting = "STATUS=CONNECTING           \nREGISTER=NONE               \n";
+const std::string kRegistering = "STATUS=REGISTERING          \nREGISTER=NONE               \n";
 const std::string kRunning = "STATUS=RUNNING              \nREGISTER=OK                 \n";
 
-TEST_F(AgentTest, StatusRecordAndLastExecutionTimeFollowTheRun) {
-  // The stamp is written whole, once per result, with a time no earlier than `since`.
+// Orders the server sends right after REGISTER reach the agent before its pools exist: they wait
+// for them. The status record ends at RUNNING, and the last-execution file is stamped at start and
+// after each result.
+TEST_F(AgentTest, OrdersAreAnsweredAndTheStatusAndLastExecutionFilesFollowTheRun) {
   const auto expectStampSince = [&](std::time_t since) {
     std::string stamp;
     ASSERT_TRUE(eventually([&] {
@@ -40,9 +43,13 @@ TEST_F(AgentTest, StatusRecordAndLastExecutionTimeFollowTheRun) {
     EXPECT_GE(std::stoll(stamp), since);
     EXPECT_LE(std::stoll(stamp), std::time(nullptr));
   };
-
   const std::time_t before = std::time(nullptr);
-  ASSERT_TRUE(launchRunning());
+  qavel::ServerOptions options;
+  options.execOrders = {qavel::execOrder(8, "plugin_exit", "early", 5),
+                        qavel::execOrder(9, "plugin_exit", "early-web", 1)};
+  launch(options);
+  EXPECT_EQ(answers_.to(8), once(qavel::execResponse(0, 8, "early\n", 0)));
+  EXPECT_EQ(answers_.to(9), once(qavel::execResponse(0, 9, "early-web\n", 0)));
   EXPECT_EQ(sandbox_->readFile("status"), kRunning);
   expectStampSince(before);
 
@@ -53,17 +60,61 @@ TEST_F(AgentTest, StatusRecordAndLastExecutionTimeFollowTheRun) {
   expectStampSince(beforeOrder);
 }
 
-TEST_F(AgentTest, RefusedRegistrationEndsAgentWithStatusZeroBeforeItsPools) {
-  qavel::ServerOptions options;
-  options.registerReply = qavel::RegisterReply::withStatus(1);
-  launch(options);
-  EXPECT_EQ(ending(kWait), kExitedNormally);
-  // The pools start after a pause that the refusal falls in: none before it, though a slow exit
-  // (a sanitizer's) may let them start after it.
-  const std::string log = sandbox_->log();
-  const std::size_t refusal = log.find("BAD register status receive by server (quit): \n");
-  ASSERT_NE(refusal, std::string::npos);
-  EXPECT_GT(log.find("CREATE EXEC POOL"), refusal);
+// Each ends the agent with status 0, one line saying why, and the status record where start-up
+// stopped; only a refused registration has said anything to the server.
+TEST_F(AgentTest, StartUpFailuresEndTheAgentWithStatusZeroSayingWhy) {
+  sandbox_.reset();  // each case runs an agent of its own
+  const struct {
+    const char* name;
+    std::function<void(agentSandbox&)> configure;
+    bool refusedRegistration;
+    std::string line;
+    const std::string& status;
+  } cases[] = {
+      {"refused registration", nullptr, true,
+       "#NOTICE#BAD register status receive by server (quit): \n", kRunning},
+      {"no plugin list", [](agentSandbox& s) { s.removeFile("etc/plugins.list"); }, false,
+       "#ERRORS#NIVO  File exception can't open file/etc/nivo/plugins.list\n", kStarting},
+      {"unreadable rules",
+       [](agentSandbox& s) { s.setKey("NIVO", "plugin_rules", "/etc/nivo/none"); }, false,
+       "#ERRORS#NIVO  File exception cannot read the plugin rules /etc/nivo/none: No such file or "
+       "directory\n",
+       kStarting},
+      {"unreadable CA file",
+       [](agentSandbox& s) {
+         s.setKey("SSL", "verify_server", "1");
+         s.setKey("SSL", "cafile", "/etc/nivo/missing.pem");
+       },
+       false,
+       "#ERRORS#" + kLinkFailure +
+           "SSLException: error in init session cannot load the trusted certificates of "
+           "/etc/nivo/missing.pem: No such file or directory\n",
+       kRegistering},
+      // The peer's throwaway certificate is in no trust store, the system's included.
+      {"server not trusted",
+       [](agentSandbox& s) {
+         s.setKey("SSL", "verify_server", "1");
+         s.setKey("SSL", "cafile", "");
+       },
+       false,
+       "#ERRORS#ENDPOINT SOCKET: server certificate refused: self-signed certificate (depth 0, ",
+       kRegistering},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    qavel::ServerOptions options;
+    if (c.refusedRegistration) options.registerReply = qavel::RegisterReply::withStatus(1);
+    Pair& agent = startPair(options, c.configure);
+    EXPECT_EQ(agentSandbox::describeEnd(agent.sandbox->waitExit(kWait)), kExitedNormally);
+    const std::string log = agent.sandbox->log();
+    const std::size_t line = log.find(c.line);
+    ASSERT_NE(line, std::string::npos) << log;
+    // A refused registration falls in the pause before the pools: none is created before it.
+    EXPECT_GT(log.find("CREATE EXEC POOL"), line);
+    EXPECT_EQ(agent.sandbox->readFile("status"), c.status);
+    EXPECT_EQ(agent.server->waitForFrames(1, std::chrono::milliseconds(0)).empty(),
+              !c.refusedRegistration);
+  }
 }
 
 // The stop does not wait for a running plugin, which outlives the agent.
@@ -104,26 +155,30 @@ TEST_F(AgentTest, LinkLostWhileReportingStopsAgentAtOnce) {
   EXPECT_NE(log.find(kStopText + "1\n", failure), std::string::npos);
 }
 
-TEST_F(AgentTest, OrderArrivingBeforePoolsExistIsRunOnceTheyDo) {
-  qavel::ServerOptions options;
-  options.execOrders = {qavel::execOrder(8, "plugin_exit", "early", 5),
-                        qavel::execOrder(9, "plugin_exit", "early-web", 1)};
-  launch(options);
-  EXPECT_EQ(answers_.to(8), once(qavel::execResponse(0, 8, "early\n", 0)));
-  EXPECT_EQ(answers_.to(9), once(qavel::execResponse(0, 9, "early-web\n", 0)));
-}
+// While start-up reads the host's address: a SIGTERM ends it cleanly before it connects, and a
+// SIGHUP does not end it: the reload is served once the agent runs.
+TEST_F(AgentTest, SignalsDuringStartUpStopItOrAreServedOnceItRuns) {
+  sandbox_.reset();
+  const auto slowAddress = [](agentSandbox& sandbox) {
+    sandbox.setKey("NIVO", "ip_command", kPlugins + "/e2e_ip_slow.sh");
+  };
+  Pair& stopped = startPair({}, slowAddress);
+  Pair& reloaded = startPair({}, slowAddress);
+  for (Pair* pair : {&stopped, &reloaded}) {
+    ASSERT_TRUE(
+        eventually([&] { return std::filesystem::exists(pair->sandbox->path("tmp/ip-started")); }));
+    pair->sandbox->signal(pair == &stopped ? SIGTERM : SIGHUP);
+    pair->sandbox->writeFile("tmp/ip-release", "");
+  }
+  EXPECT_EQ(agentSandbox::describeEnd(stopped.sandbox->waitExit(kStopWait)), kExitedNormally);
+  EXPECT_NE(stopped.sandbox->log().find(kStopText + "15\n"), std::string::npos);
+  EXPECT_EQ(stopped.sandbox->readFile("status"), kConnecting);
+  EXPECT_FALSE(stopped.server->waitForConnection(std::chrono::milliseconds(0)));
 
-TEST_F(AgentTest, SigtermWhileIdentityIsReadEndsStartUpCleanly) {
-  sandbox_->setKey("NIVO", "ip_command", kPlugins + "/e2e_ip_slow.sh");
-  launch();
-  ASSERT_TRUE(
-      eventually([&] { return std::filesystem::exists(sandbox_->path("tmp/ip-started")); }));
-  sandbox_->signal(SIGTERM);
-  sandbox_->writeFile("tmp/ip-release", "");
-  EXPECT_EQ(ending(kStopWait), kExitedNormally);
-  EXPECT_TRUE(logHas(kStopText + "15\n"));
-  EXPECT_EQ(sandbox_->readFile("status"), kConnecting);
-  EXPECT_FALSE(server_->waitForConnection(std::chrono::milliseconds(0)));
+  ASSERT_TRUE(reloaded.sandbox->waitForLog("#NOTICE#NIVO reload: nothing changed\n", kWait));
+  const std::string log = reloaded.sandbox->log();
+  EXPECT_LT(log.find("Pool exec is running"), log.find("NIVO reload: nothing changed"));
+  EXPECT_TRUE(reloaded.sandbox->running());
 }
 
 TEST_F(AgentTest, AgentEndsAtNextPingOnceServerClosesLink) {
@@ -131,14 +186,6 @@ TEST_F(AgentTest, AgentEndsAtNextPingOnceServerClosesLink) {
   server_->closeLink(1000, "server going away");
   EXPECT_EQ(ending(kPingWait), kExitedNormally);
   EXPECT_TRUE(logHas(kLinkFailure));
-}
-
-TEST_F(AgentTest, MissingPluginListEndsAgentAtStartUp) {
-  sandbox_->removeFile("etc/plugins.list");
-  launch();
-  EXPECT_EQ(ending(kWait), kExitedNormally);
-  EXPECT_TRUE(logHas("NIVO  File exception can't open file/etc/nivo/plugins.list\n"));
-  EXPECT_EQ(sandbox_->readFile("status"), kStarting);
 }
 
 }  // namespace

@@ -69,19 +69,4 @@ TEST_F(AgentTest, ReloadTakesUpPluginsAndLimitsOnTheSameLinkAndKeepsAllWhenItCan
   EXPECT_TRUE(sandbox_->running());
 }
 
-// A SIGHUP while the agent starts (here, while it reads its address) does not end it: the reload is
-// served once the agent runs.
-TEST_F(AgentTest, SighupDuringStartUpIsServedOnceTheAgentRuns) {
-  sandbox_->setKey("NIVO", "ip_command", agentTest::kPlugins + "/e2e_ip_slow.sh");
-  launch();
-  ASSERT_TRUE(
-      eventually([&] { return std::filesystem::exists(sandbox_->path("tmp/ip-started")); }));
-  sandbox_->signal(SIGHUP);
-  sandbox_->writeFile("tmp/ip-release", "");
-  ASSERT_TRUE(sandbox_->waitForLog("#NOTICE#NIVO reload: nothing changed\n", kWait));
-  const std::string log = sandbox_->log();
-  EXPECT_LT(log.find("Pool exec is running"), log.find("NIVO reload: nothing changed"));
-  EXPECT_TRUE(sandbox_->running());
-}
-
 }  // namespace
