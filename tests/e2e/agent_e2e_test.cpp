@@ -64,19 +64,28 @@ TEST_F(AgentTest, OrdersAreAnsweredAndTheStatusAndLastExecutionFilesFollowTheRun
 // stopped; only a refused registration has said anything to the server.
 TEST_F(AgentTest, StartUpFailuresEndTheAgentWithStatusZeroSayingWhy) {
   sandbox_.reset();  // each case runs an agent of its own
+  qavel::ServerOptions refusing;
+  refusing.registerReply = qavel::RegisterReply::withStatus(1);
+  const qavel::ServerOptions plain;
+  qavel::ServerOptions slow;
+  slow.openDelay = std::chrono::milliseconds(4000);
   const struct {
     const char* name;
     std::function<void(agentSandbox&)> configure;
-    bool refusedRegistration;
+    const qavel::ServerOptions& server;
     std::string line;
     const std::string& status;
   } cases[] = {
-      {"refused registration", nullptr, true,
+      {"refused registration", nullptr, refusing,
        "#NOTICE#BAD register status receive by server (quit): \n", kRunning},
-      {"no plugin list", [](agentSandbox& s) { s.removeFile("etc/plugins.list"); }, false,
+      // REGISTER waits for the open at most open_timeout, says so, then fails as without the key.
+      {"link slower than open_timeout",
+       [](agentSandbox& s) { s.setKey("NIVO", "open_timeout", "1"); }, slow,
+       "#ERRORS#NIVO link not open after 1 s\n", kRegistering},
+      {"no plugin list", [](agentSandbox& s) { s.removeFile("etc/plugins.list"); }, plain,
        "#ERRORS#NIVO  File exception can't open file/etc/nivo/plugins.list\n", kStarting},
       {"unreadable rules",
-       [](agentSandbox& s) { s.setKey("NIVO", "plugin_rules", "/etc/nivo/none"); }, false,
+       [](agentSandbox& s) { s.setKey("NIVO", "plugin_rules", "/etc/nivo/none"); }, plain,
        "#ERRORS#NIVO  File exception cannot read the plugin rules /etc/nivo/none: No such file or "
        "directory\n",
        kStarting},
@@ -85,7 +94,7 @@ TEST_F(AgentTest, StartUpFailuresEndTheAgentWithStatusZeroSayingWhy) {
          s.setKey("SSL", "verify_server", "1");
          s.setKey("SSL", "cafile", "/etc/nivo/missing.pem");
        },
-       false,
+       plain,
        "#ERRORS#" + kLinkFailure +
            "SSLException: error in init session cannot load the trusted certificates of "
            "/etc/nivo/missing.pem: No such file or directory\n",
@@ -96,15 +105,13 @@ TEST_F(AgentTest, StartUpFailuresEndTheAgentWithStatusZeroSayingWhy) {
          s.setKey("SSL", "verify_server", "1");
          s.setKey("SSL", "cafile", "");
        },
-       false,
+       plain,
        "#ERRORS#ENDPOINT SOCKET: server certificate refused: self-signed certificate (depth 0, ",
        kRegistering},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    qavel::ServerOptions options;
-    if (c.refusedRegistration) options.registerReply = qavel::RegisterReply::withStatus(1);
-    Pair& agent = startPair(options, c.configure);
+    Pair& agent = startPair(c.server, c.configure);
     EXPECT_EQ(agentSandbox::describeEnd(agent.sandbox->waitExit(kWait)), kExitedNormally);
     const std::string log = agent.sandbox->log();
     const std::size_t line = log.find(c.line);
@@ -113,7 +120,7 @@ TEST_F(AgentTest, StartUpFailuresEndTheAgentWithStatusZeroSayingWhy) {
     EXPECT_GT(log.find("CREATE EXEC POOL"), line);
     EXPECT_EQ(agent.sandbox->readFile("status"), c.status);
     EXPECT_EQ(agent.server->waitForFrames(1, std::chrono::milliseconds(0)).empty(),
-              !c.refusedRegistration);
+              &c.server != &refusing);
   }
 }
 

@@ -11,18 +11,6 @@ using std::chrono::seconds;
 
 using OpenTimeoutTest = FaultTest;
 
-// REGISTER waits for the open at most open_timeout, says so, and then fails as without the key.
-TEST_F(OpenTimeoutTest, OpenSlowerThanTheWaitIsGivenUpOn) {
-  sandbox_->setKey("NIVO", "open_timeout", "1");
-  qavel::ServerOptions options;
-  options.openDelay = milliseconds(4000);
-  launch(options);
-  EXPECT_EQ(ending(kWait), kExitedNormally);
-  EXPECT_TRUE(logHas("#ERRORS#NIVO link not open after 1 s"));
-  EXPECT_TRUE(logHas(kLinkFailure + "Error sending message: invalid state\n"));
-  EXPECT_FALSE(logHas("REGISTER SUCCESS"));
-}
-
 // The server's TLS handshake starts 8 s after the agent's TCP connection, past WebSocket++'s own
 // 5 s for a handshake: the link opens within open_timeout all the same.
 TEST_F(OpenTimeoutTest, SlowTlsHandshakeOpensWithinTheWait) {
