@@ -1,5 +1,6 @@
 // One run of a plugin through service::execute() and what it must leave behind, for the tests of
-// src/service, and their fixture, which writes plugins of its own.
+// src/service, and their fixture, which writes plugins of its own. expectRun may be called from
+// any thread, each run being a record of its own.
 #pragma once
 
 #include <gtest/gtest.h>
