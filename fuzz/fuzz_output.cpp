@@ -6,8 +6,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
-#include <sstream>
 #include <string>
 
 #include "fuzz/fuzzCheck.h"

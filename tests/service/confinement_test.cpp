@@ -2,249 +2,98 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
+#include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "src/service/childProcess.h"
-#include "src/service/service.h"
-#include "tests/common/tempDirTest.h"
+#include "tests/service/pluginRun.h"
 
-namespace {
-
-// What one run of a plugin under `limits` left behind.
-struct Outcome {
-  int code = -1;
-  std::string out;
-  RunOutcome how = RunOutcome::NotRun;
-  bool threw = false;
-};
-
-Outcome run(const std::string& path, const std::string& parameter, const RuleLimits& limits) {
-  service s;
-  s.Setname("probe");
-  s.Setpath(path);
-  s.Setparameter(parameter);
-  s.SetRuleLimits(limits);
-  Outcome r;
-  try {
-    s.execute();
-  } catch (const serviceException&) {
-    r.threw = true;
-  }
-  r.code = s.GetReturnCode();
-  r.out = s.GetStdout();
-  r.how = s.GetRunOutcome();
-  return r;
-}
-
-// A TCP port of 127.0.0.1 that accepts connections (into its backlog) while the object lives.
-class Listener {
- public:
-  Listener() : acceptor_(io_, {boost::asio::ip::address_v4::loopback(), 0}) {}
-  std::string port() const { return std::to_string(acceptor_.local_endpoint().port()); }
-
- private:
-  boost::asio::io_context io_;
-  boost::asio::ip::tcp::acceptor acceptor_;
-};
-
-// An abstract UNIX socket listening while the object lives.
-class AbstractListener {
- public:
-  explicit AbstractListener(const std::string& name) : socket_(::socket(AF_UNIX, SOCK_STREAM, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path + 1, name.data(), name.size());
-    const socklen_t length = static_cast<socklen_t>(sizeof(sa_family_t) + 1 + name.size());
-    if (::bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::listen(socket_.get(), 64) != 0)
-      ADD_FAILURE() << "abstract socket " << name << ": " << std::strerror(errno);
-  }
-
- private:
-  UniqueFd socket_;
-};
-
-class Confinement : public TempDirTest {
- protected:
-  // A bash plugin that runs `command` and says "allowed", or "denied: " and what it printed.
-  std::string probe(const std::string& command) {
-    writeFile("probe", "#!/bin/bash\nif out=$( { " + command +
-                           " ; } 2>&1 ); then echo allowed; else echo \"denied: $out\"; fi\n");
-    ::chmod(path("probe").c_str(), 0755);
-    return path("probe");
-  }
-
-  // ABIs from none to the kernel's, those that bring something.
-  static std::vector<int> abis() {
-    std::vector<int> offered;
-    for (const int abi : {0, 2, 3, 4, 6, 7})
-      if (abi <= LandlockSupport::get().abi()) offered.push_back(abi);
-    return offered;
-  }
-
-  static RuleLimits confined(int abi, const std::vector<std::string>& writePaths = {},
-                             const std::vector<std::uint16_t>& ports = {}) {
-    RuleLimits limits;
-    if (abi > 0) limits.confinement = PluginConfinement::make(abi, writePaths, ports);
-    return limits;
-  }
-};
+using Confinement = PluginTest;
 
 // Each thing a confined plugin may not do, denied from the ABI that brings it on, and what stays
 // allowed allowed at every ABI; without confinement (ABI 0) everything goes through.
 TEST_F(Confinement, PluginIsHeldToItsRuleAsFarAsTheAbiReaches) {
   ASSERT_GE(LandlockSupport::get().abi(), 6) << "this test wants a kernel with Landlock ABI 6";
-  std::filesystem::create_directories(path("allowed"));
   std::filesystem::create_directories(path("outside"));
-  const Listener allowedPort;
-  const Listener otherPort;
-  const std::string socketName = "nivo-confinement-" + std::to_string(::getpid());
-  const AbstractListener abstractSocket(socketName);
-  const std::string python = "/usr/bin/python3 -c ";
-  const int never = 99;
-  const struct {
-    const char* what;
-    std::string command;
-    int deniedFrom;  // the first ABI that denies it
-  } cases[] = {
-      {"write outside", "echo x > " + path("outside/file"), 1},
-      {"truncate(2) outside",
-       "/usr/bin/perl -e 'truncate($ARGV[0], 0) or die \"$!\\n\"' " + path("outside/log"), 3},
-      {"signal the agent", "kill -0 " + std::to_string(::getpid()), 6},
-      {"signal another process", "kill -0 " + std::to_string(::getppid()), 6},
-      {"abstract UNIX socket outside",
-       python + "'import socket; socket.socket(socket.AF_UNIX).connect(\"\\0" + socketName + "\")'",
-       6},
-      {"connect to another port", "exec 3<>/dev/tcp/127.0.0.1/" + otherPort.port(), 4},
-      {"bind", python + "'import socket; socket.socket().bind((\"127.0.0.1\", 0))'", 4},
-      {"write beneath write=",
-       "/bin/mkdir " + path("allowed/d") + " && echo x > " + path("allowed/d/f") + " && : > " +
-           path("allowed/d/f") + " && /bin/rm -r " + path("allowed/d"),
-       never},
-      {"write and truncate /dev/null", ": > /dev/null && echo x > /dev/null", never},
-      {"connect to the connect= port", "exec 3<>/dev/tcp/127.0.0.1/" + allowedPort.port(), never},
-      {"signal its own child", "/bin/sleep 5 & kill $!", never},
+  boost::asio::io_context io;
+  const auto listening = [&io] {
+    return boost::asio::ip::tcp::acceptor(io, {boost::asio::ip::address_v4::loopback(), 0});
   };
-  for (const int abi : abis()) {
-    const RuleLimits limits = confined(abi, {path("allowed")},
-                                       {static_cast<std::uint16_t>(std::stoi(allowedPort.port()))});
-    for (const auto& c : cases) {
-      SCOPED_TRACE(std::string(c.what) + " at ABI " + std::to_string(abi));
+  const auto allowedPort = listening(), otherPort = listening();
+  const std::string socketName = "nivo-confinement-" + std::to_string(::getpid());
+  const boost::asio::local::stream_protocol::acceptor abstractSocket(
+      io, {std::string(1, '\0') + socketName});
+  const std::string python = "/usr/bin/python3 -c 'import socket; socket.socket(";
+  const std::string perl = "/usr/bin/perl -e ", file = path("allowed/f");
+  const std::string checkTcp = NIVO_MONITORING_PLUGIN_DIR "/check_tcp -H 127.0.0.1 -p ";
+  const std::uint16_t port = allowedPort.local_endpoint().port();
+  const int never = 99;
+  // The first ABI that denies it, what it is, the command.
+  const std::tuple<int, const char*, std::string> cases[] = {
+      {1, "write outside", "echo x > " + path("outside/file")},
+      {1, "symbolic link outside", "/bin/ln -s / " + path("outside/link")},
+      {3, "truncate(2) outside", perl + "'truncate($ARGV[0], 0) or die' " + path("outside/log")},
+      {6, "signal the agent", "kill -0 " + std::to_string(::getpid())},
+      {6, "signal another process", "kill -0 " + std::to_string(::getppid())},
+      {6, "abstract UNIX socket", python + "socket.AF_UNIX).connect(\"\\0" + socketName + "\")'"},
+      {4, "check_tcp to another port",
+       checkTcp + std::to_string(otherPort.local_endpoint().port())},
+      {4, "bind", python + ").bind((\"127.0.0.1\", 0))'"},
+      {never, "write, truncate, move and remove beneath write=",
+       "echo x > " + file + " && : > " + file + " && " + perl +
+           "'rename($ARGV[0], $ARGV[1]) or die' " + file + " " + path("allowed/d/f") +
+           " && /bin/rm -r " + path("allowed/d")},
+      {never, "write and truncate /dev/null", ": > /dev/null && echo x > /dev/null"},
+      {never, "check_tcp to the connect= port", checkTcp + std::to_string(port)},
+      {never, "signal its own child", "/bin/sleep 5 & kill $!"},
+  };
+  for (const int abi : {0, 2, 3, 4, 6, 7}) {
+    std::filesystem::create_directories(path("allowed/d"));
+    RuleLimits rule;
+    if (abi > 0) rule.confinement = PluginConfinement::make(abi, {path("allowed")}, {port});
+    for (const auto& [deniedFrom, what, command] : cases) {
+      SCOPED_TRACE(std::string(what) + " at ABI " + std::to_string(abi));
       writeFile("outside/log", "the agent's log\n");
-      const Outcome r = run(probe(c.command), "", limits);
-      EXPECT_EQ(r.code, 0) << r.out;
-      const bool denied = abi >= c.deniedFrom;
-      EXPECT_EQ(r.out.rfind(denied ? "denied: " : "allowed", 0), 0u) << r.out;
-      EXPECT_EQ(readFile("outside/log").empty(), !denied && c.deniedFrom == 3);
+      const bool denied = abi >= deniedFrom;
+      PluginRun run{
+          script("probe", "if { " + command +
+                              "; } >/dev/null 2>&1; then echo allowed; else echo denied; fi"),
+          "", 0, denied ? "denied\n" : "allowed\n"};
+      run.rule = rule;
+      expectRun(run);
+      EXPECT_EQ(readFile("outside/log").empty(), !denied && deniedFrom == 3);
     }
   }
-  EXPECT_EQ(unenforcedRestrictions(2),
-            (std::vector<std::string>{"truncating files (ABI 3)", "TCP bind and connect (ABI 4)",
-                                      "ioctl on devices (ABI 5)",
-                                      "signals and abstract UNIX sockets (ABI 6)"}));
-  EXPECT_EQ(unenforcedRestrictions(4),
-            (std::vector<std::string>{"ioctl on devices (ABI 5)",
-                                      "signals and abstract UNIX sockets (ABI 6)"}));
-  EXPECT_EQ(unenforcedRestrictions(6), std::vector<std::string>{});
-}
-
-// A limit ends the plugin, answered 3 with the limit named and never retried (no exception);
-// without limits an end by the same signal is answered as it always was.
-TEST_F(Confinement, CpuAndMemoryLimitsEndOrStarveThePlugin) {
-  const std::string cpuLimit = "UNKNOWN: plugin ended by its CPU time limit (cpu=1 seconds)\n";
-  const std::string allocate =
-      "/usr/bin/python3 -c 'try:\n bytearray(512 << 20)\n print(\"allocated\")\n"
-      "except MemoryError:\n print(\"refused\")'";
-  const struct {
-    const char* what;
-    std::string command;
-    int cpu;
-    int memory;
-    std::string out;
-    RunOutcome how;
-  } cases[] = {
-      {"CPU-bound", "while :; do :; done", 1, 0, cpuLimit, RunOutcome::LimitReached},
-      {"CPU-bound, SIGXCPU ignored", "trap '' XCPU; while :; do :; done", 1, 0, cpuLimit,
-       RunOutcome::LimitReached},
-      {"big allocation", allocate, 0, 64, "refused\n", RunOutcome::Completed},
-      {"big allocation without memory=", allocate, 0, 0, "allocated\n", RunOutcome::Completed},
-      {"crash under memory=", "kill -SEGV $$", 0, 64,
-       "UNKNOWN: plugin ended by signal SIGSEGV under its address-space limit (memory=64 MiB)\n",
-       RunOutcome::LimitReached},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    writeFile("plugin", "#!/bin/bash\n" + c.command + "\n");
-    ::chmod(path("plugin").c_str(), 0755);
-    RuleLimits limits;
-    limits.cpuSeconds = c.cpu;
-    limits.memoryMib = c.memory;
-    const Outcome r = run(path("plugin"), "", limits);
-    EXPECT_EQ(r.out, c.out);
-    EXPECT_EQ(r.code, c.how == RunOutcome::LimitReached ? 3 : 0);
-    EXPECT_EQ(r.how, c.how);
-    EXPECT_FALSE(r.threw);
-  }
-  writeFile("plugin", "#!/bin/bash\nkill -XCPU $$\n");
-  const Outcome unlimited = run(path("plugin"), "", RuleLimits{});
-  EXPECT_TRUE(unlimited.threw);
-  EXPECT_EQ(unlimited.out, "Error: orva can't execute " + path("plugin"));
-}
-
-// A confinement that cannot be put in place fails the start as a failed execve does: the program
-// never runs, unconfined or otherwise.
-TEST_F(Confinement, FailedStepNeverRunsTheProgram) {
-  int ends[2];
-  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  UniqueFd readEnd(ends[0]);
-  UniqueFd writeEnd(ends[1]);
+  EXPECT_EQ(thrownText<ConfinementError>([this] { PluginConfinement::make(7, {path("none")}); }),
+            "cannot allow writing beneath " + path("none") + ": No such file or directory");
+  // A confinement that cannot be put in place fails the start as a failed execve does: the
+  // program never runs, unconfined or otherwise.
+  PluginRun echo{"/bin/echo",
+                 "ran",
+                 2,
+                 "DAEMON: plugin not run: landlock_restrict_self failed: " +
+                     std::string(std::strerror(EBADFD)) + "\n",
+                 "",
+                 RunOutcome::Failed};
+  echo.rule.confinement = PluginConfinement::make(LandlockSupport::get().abi());
   const UniqueFd notARuleset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-  const ArgumentVector argv("/bin/echo", {"ran"});
-  ChildSetup setup;
-  setup.path = "/bin/echo";
-  setup.argv = argv.get();
-  setup.outputFd = writeEnd.get();
-  setup.unusedFd = readEnd.get();
-  setup.landlockRuleset = notARuleset.get();
-  int startError = 0;
-  setup.startError = &startError;
-  const pid_t pid = spawnChild(setup);
-  ASSERT_GT(pid, 0);
-  writeEnd.reset();
-  std::string out;
-  char buffer[256];
-  for (ssize_t got; (got = ::read(readEnd.get(), buffer, sizeof buffer)) > 0;)
-    out.append(buffer, static_cast<std::size_t>(got));
-  int status = 0;
-  ASSERT_EQ(waitRetry(pid, &status, 0), pid);
-  EXPECT_EQ(out, "DAEMON: plugin not run: landlock_restrict_self failed: " +
-                     std::string(std::strerror(EBADFD)) + "\n");
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2);
-  EXPECT_EQ(startError, EBADFD);
+  ASSERT_NE(::dup3(notARuleset.get(), echo.rule.confinement->rulesetFd(), O_CLOEXEC), -1);
+  expectRun(echo);
 }
 
-// The ABI in use: the kernel's, never above the newest the agent knows nor the test seam's cap; and
-// why there is none, as an order refused for it says.
-TEST(LandlockSupport, AbiInUseAndWhyThereIsNone) {
-  const struct {
-    int kernelAbi;
-    int kernelError;
-    const char* cap;
-    int abi;
-    std::string absence;
-  } cases[] = {
+// The ABI in use: the kernel's, never above the newest the agent knows nor the test seam's cap; why
+// there is none, as an order refused for it says; and what each ABI cannot enforce.
+TEST(LandlockSupport, AbiInUseWhyThereIsNoneAndWhatItCannotEnforce) {
+  // The kernel's ABI or -1, its error, the cap; the ABI in use, why there is none.
+  const std::tuple<int, int, const char*, int, std::string> cases[] = {
       {9, 0, nullptr, 7, ""},
       {7, 0, "3", 3, ""},
       {3, 0, "6", 3, ""},
@@ -254,46 +103,22 @@ TEST(LandlockSupport, AbiInUseAndWhyThereIsNone) {
        "this kernel has no Landlock (Linux 5.13 or later built with it is needed)"},
       {-1, EOPNOTSUPP, nullptr, 0,
        "Landlock is disabled in this kernel (it is not in the boot parameter lsm=)"},
+      {-1, EPERM, nullptr, 0, "the kernel's Landlock ABI cannot be read: Operation not permitted"},
   };
-  for (const auto& c : cases) {
-    const LandlockSupport support(c.kernelAbi, c.kernelError, c.cap);
-    EXPECT_EQ(support.abi(), c.abi) << c.kernelAbi << " " << (c.cap ? c.cap : "");
-    EXPECT_EQ(support.absence(), c.absence);
+  for (const auto& [kernelAbi, kernelError, cap, abi, absence] : cases) {
+    const LandlockSupport support(kernelAbi, kernelError, cap);
+    EXPECT_EQ(support.abi(), abi) << kernelAbi << " " << (cap ? cap : "");
+    EXPECT_EQ(support.absence(), absence);
   }
   const LandlockSupport none(-1, ENOSYS, nullptr);
   EXPECT_EQ(none.notRunText("check_load"),
             "EXEC plugin: check_load not run: it cannot be confined: " + none.absence());
-  EXPECT_EQ(none.warnings(), std::vector<std::string>{"NIVO/confine_plugins: " + none.absence() +
-                                                      "; every order is refused"});
-  EXPECT_EQ(LandlockSupport(7, 0, nullptr).warnings(), std::vector<std::string>{});
+  const std::vector<std::string> later = {
+      "truncating files (ABI 3)", "TCP bind and connect (ABI 4)", "ioctl on devices (ABI 5)",
+      "signals and abstract UNIX sockets (ABI 6)"};
+  const std::size_t enforced[] = {0, 0, 1, 2, 3, 4, 4};  // of those, by ABI 1 to 7
+  for (int abi = 1; abi <= 7; ++abi)
+    EXPECT_EQ(unenforcedRestrictions(abi),
+              std::vector<std::string>(later.begin() + enforced[abi - 1], later.end()))
+        << abi;
 }
-
-// A monitoring plugin confined with a connect= port (the shipped rules' plugins are run confined in
-// the rules' tests).
-TEST_F(Confinement, MonitoringPluginsAnswerConfined) {
-  const int abi = LandlockSupport::get().abi();
-  ASSERT_GE(abi, 4) << "this test wants a kernel with Landlock ABI 4";
-  const Listener allowed;
-  const Listener forbidden;
-  const std::string plugins = NIVO_MONITORING_PLUGIN_DIR "/";
-  const struct {
-    std::string plugin;
-    std::string parameter;
-    int code;
-    std::string outStart;
-  } cases[] = {
-      {"check_tcp", "-H 127.0.0.1 -p " + allowed.port(), 0, "TCP OK"},
-      {"check_tcp", "-H 127.0.0.1 -p " + forbidden.port(), 2,
-       "connect to address 127.0.0.1 and port " + forbidden.port() + ": Permission denied"},
-  };
-  const RuleLimits limits =
-      confined(abi, {}, {static_cast<std::uint16_t>(std::stoi(allowed.port()))});
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.plugin + " " + c.parameter);
-    const Outcome r = run(plugins + c.plugin, c.parameter, limits);
-    EXPECT_EQ(r.code, c.code) << r.out;
-    EXPECT_EQ(r.out.rfind(c.outStart, 0), 0u) << r.out;
-  }
-}
-
-}  // namespace

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -12,50 +11,31 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "src/service/service.h"
 #include "tests/common/capturedOutput.h"
 #include "tests/common/leftovers.h"
-#include "tests/common/tempDirTest.h"
-#include "tests/service/serviceTestPeer.h"
+#include "tests/service/pluginRun.h"
+
+// Sets the fields of a service that the agent itself never sets (no setter exists for them).
+class ServiceTestPeer {
+ public:
+  static void setExecTime(service& s, std::int64_t seconds, std::int64_t microseconds) {
+    s.execTimeSec_ = seconds;
+    s.execTimeuSec_ = microseconds;
+  }
+  static void setAlertingSoftware(service& s, std::string path) {
+    s.alertingSoftware_ = std::move(path);
+  }
+};
 
 namespace {
 
 std::string plugin(const std::string& name) { return NIVO_TEST_PLUGIN_DIR "/" + name; }
 
-// What one execute() left behind.
-struct Outcome {
-  int returned = -1;  // -1 when it threw
-  int code = -1;
-  std::string out;
-  std::string error;  // what() of the serviceException, if any
-};
-
-Outcome run(const std::string& path, const std::string& parameter, const RunLimits& limits = {}) {
-  service s;
-  s.Setname("probe");
-  s.Setpath(path);
-  s.Setparameter(parameter);
-  s.SetRunLimits(limits);
-  Outcome r;
-  try {
-    r.returned = s.execute();
-  } catch (const serviceException& e) {
-    r.error = e.what();
-  }
-  r.code = s.GetReturnCode();
-  r.out = s.GetStdout();
-  return r;
-}
-
-std::string description(const std::string& path, const std::string& parameter) {
-  return "probe\npath:" + path + " " + parameter;
-}
-
-long openDescriptorCount() {
+long openDescriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
@@ -69,163 +49,141 @@ long mappedKb() {
 
 bool noChildLeft() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
-const char kNothing[] = "DAEMON: the plugin does not return anything on the stdout";
-
 }  // namespace
 
-TEST(ServiceExecute, ExitCodeOutsideZeroToFiveOrNoOutputBecomesUnknown) {
-  for (const char* code : {"255", "7"}) {
-    const Outcome r = run(plugin("plugin_exit.sh"), std::string("down ") + code);
-    EXPECT_EQ(r.returned, 3) << code;
-    EXPECT_EQ(r.out, "down\n");
-  }
-  const Outcome unreachable = run(plugin("plugin_silent.sh"), "255");
-  EXPECT_EQ(unreachable.code, 3);
-  EXPECT_EQ(unreachable.out, "UNKNOWN: OrvaDaemon could not connect to host");
-  EXPECT_EQ(unreachable.error, kNothing);
+using ServiceExecute = PluginTest;
 
-  const Outcome bad = run(plugin("plugin_silent.sh"), "7");
-  EXPECT_EQ(bad.code, 3);
-  EXPECT_EQ(bad.out, "Error execute: Bad return code\n" +
-                         description(plugin("plugin_silent.sh"), "7") + " ");
-  EXPECT_EQ(bad.error, kNothing);
-
-  const Outcome quotes = run(plugin("plugin_bytes.sh"), "\\047\\047");
-  EXPECT_EQ(quotes.code, 3);
-  EXPECT_EQ(quotes.error, kNothing);
-  EXPECT_EQ(quotes.out, "''");  // the raw output stays with the exception
-  EXPECT_EQ(run(plugin("plugin_bytes.sh"), "\\047\\047\\040").out, "'' ");
-}
-
-TEST(ServiceExecute, PluginEndedBySignalIsNotExecutable) {
-  const std::string path = plugin("plugin_kill.sh");
-  const Outcome r = run(path, "partial");
-  EXPECT_EQ(r.code, 3);
-  EXPECT_EQ(r.out, "Error: orva can't execute " + path);
-  EXPECT_EQ(r.error, "Error: orva can't execute " + description(path, "partial") + "partial\n");
-}
-
-TEST(ServiceExecute, OutputBytesAreRepairedAndCutAtNul) {
-  EXPECT_EQ(run(plugin("plugin_bytes.sh"), "ab\\377cd").out, "ab cd");
-  EXPECT_EQ(run(plugin("plugin_bytes.sh"), "ab\\303").out, "ab ");
-  EXPECT_EQ(run(plugin("plugin_bytes.sh"), "AB\\000CD\\n").out, "AB");
-}
-
-TEST(ServiceExecute, ManyRunsFromThreadsLeaveNoDescriptorAndNoChild) {
-  const std::vector<std::tuple<std::string, std::string, int>> cases = {
-      {plugin("plugin_exit.sh"), "ok 0", 0}, {plugin("plugin_silent.sh"), "255", 3},
-      {"/nonexistent/plugin", "", 2},        {plugin("plugin_kill.sh"), "x", 3},
-      {plugin("plugin_stop.sh"), "", 3},
+// Every way a run ends, each answered as if alone though all run at once, and nothing left behind:
+// no descriptor, no child, nothing a plugin over its time limit started, and no stack mapped anew
+// for each start. A limit of 60 seconds is one that a loaded machine cannot reach.
+TEST_F(ServiceExecute, EveryEndingIsAnsweredAsAloneAndLeavesNothingBehind) {
+  const std::string exit = plugin("plugin_exit.sh"), silent = plugin("plugin_silent.sh"),
+                    bytes = plugin("plugin_bytes.sh"), killed = plugin("plugin_kill.sh"),
+                    stopped = plugin("plugin_stop.sh"), absent = path("absent");
+  const std::string nothing = "DAEMON: the plugin does not return anything on the stdout";
+  const std::string notRun = "Error: orva can't execute ", by = "probe\npath:";
+  const std::string notExecutable = "DAEMON: plugin is not executable ";
+  const std::string timedOut = "UNKNOWN: plugin timed out after 1 seconds\n";
+  const std::string cpuLimit = "UNKNOWN: plugin ended by its CPU time limit (cpu=1 seconds)\n";
+  const std::string bySignal = "UNKNOWN: plugin ended by signal SIG";
+  const std::string memoryLimit = " under its address-space limit (memory=64 MiB)\n";
+  const std::string markers = path("started") + " " + path("never");
+  const RunOutcome done = RunOutcome::Completed, over = RunOutcome::TimedOut,
+                   limit = RunOutcome::LimitReached, failed = RunOutcome::Failed;
+  const RuleLimits cpu{1, 0, nullptr}, memory{0, 64, nullptr};
+  const auto kept = [](std::size_t bytes) { return RunLimits{0, bytes}; };
+  std::string big;
+  while (big.size() < 1000) big += "0123456789abcdef\n";
+  big.resize(1000);
+  // Pinned runs start from the open file, and no plugin inherits another descriptor of the agent's
+  // (those have no close-on-exec flag), a binary not even the one it was started from.
+  writeFile("data", "not a program\n");
+  const auto opened = [](const std::string& file, int flags) {
+    return std::make_shared<const UniqueFd>(::open(file.c_str(), O_RDONLY | flags));
   };
-  const long before = openDescriptorCount();
+  const auto below = opened("/dev/null", 0), shell = opened("/bin/sh", O_CLOEXEC),
+             interpreted = opened(exit, O_CLOEXEC), data = opened(path("data"), O_CLOEXEC),
+             above = opened("/dev/null", 0);
+  std::string fds = "-c 'for fd in";
+  for (const auto& fd : {below, shell, above}) fds += " " + std::to_string(fd->get());
+  fds += "; do test -e /proc/$$/fd/$fd && echo $fd open; done; echo checked'";
+  const std::string loop = "while :; do :; done", signalled = script("signalled", "kill -$1 $$");
+  const std::string allocating =
+      script("allocating",
+             "/usr/bin/python3 -c 'try:\n bytearray(512 << 20)\n print(\"allocated\")\n"
+             "except MemoryError:\n print(\"refused\")'");
+  const PluginRun runs[] = {
+      {exit, "ok 0", 0, "ok\n"},
+      {exit, "warn 5", 5, "warn\n"},
+      {exit, "down 6", 3, "down\n"},
+      {exit, "down 255", 3, "down\n"},
+      {silent, "255", 3, "UNKNOWN: OrvaDaemon could not connect to host", nothing},
+      {silent, "7", 3, "Error execute: Bad return code\n" + by + silent + " 7 ", nothing},
+      {bytes, "\\047\\047", 3, "''", nothing},  // the raw output stays with the exception
+      {bytes, "\\047\\047\\040", 0, "'' "},
+      {bytes, "ab\\377cd", 0, "ab cd"},
+      {bytes, "ab\\303", 0, "ab "},
+      {bytes, "AB\\000CD\\n", 0, "AB"},
+      {killed, "partial", 3, notRun + killed, notRun + by + killed + " partialpartial\n"},
+      {stopped, "", 3, notRun + stopped, notRun + by + stopped + " "},
+      {"/nonexistent", "", 2, notExecutable + "No such file or directory\n", "", failed},
+      {plugin("plugin_big.sh"), "100000", 0, big + "\n[output truncated after 1000 bytes]\n", "",
+       done, kept(1000)},
+      {bytes, "ab\\303\\251cd", 0, "ab\n[output truncated after 3 bytes]\n", "", done, kept(3)},
+      {bytes, "abc", 0, "abc", "", done, kept(3)},
+      {bytes, "\\303\\251", 0, "[output truncated after 1 bytes]\n", "", done, kept(1)},
+      {"/bin/sleep", "30", 3, timedOut, "", over, RunLimits{1}},
+      {plugin("fault_background.sh"), markers, 3, timedOut, "", over, RunLimits{1}},
+      {plugin("fault_close_stdout.sh"), markers, 3, timedOut, "", over, RunLimits{1}},
+      {exit, "quick 0", 0, "quick\n", "", done, RunLimits{60}},
+      {"/bin/sh", "-c 'echo early; exec >&-; /bin/sleep 0.3; exit 2'", 2, "early\n", "", done,
+       RunLimits{60}},
+      {absent, fds, 0, "checked\n", "", done, {}, {}, shell},
+      {"/bin/sh", fds, 0, "checked\n"},
+      {absent, "pinned 1", 1, "pinned\n", "", done, {}, {}, interpreted},
+      {absent, "", 2, notExecutable + "Permission denied\n", "", failed, {}, {}, data},
+      // A rule's limit ends the plugin, answered 3 with the limit named and no exception (it is
+      // never retried); an end that the limits do not explain is answered as it always was.
+      {script("busy", loop), "", 3, cpuLimit, "", limit, {}, cpu},
+      {script("stubborn", "trap '' XCPU; " + loop), "", 3, cpuLimit, "", limit, {}, cpu},
+      {allocating, "", 0, "refused\n", "", done, {}, memory},
+      {allocating, "", 0, "allocated\n"},
+      {signalled, "SEGV", 3, bySignal + "SEGV" + memoryLimit, "", limit, {}, memory},
+      {signalled, "ABRT", 3, bySignal + "ABRT" + memoryLimit, "", limit, {}, memory},
+      {signalled, "SEGV", 3, notRun + signalled, notRun + by + signalled + " SEGV", done, {}, cpu},
+      {killed, "x", 3, notRun + killed, notRun + by + killed + " xx\n", done, {}, cpu},
+      {signalled, "XCPU", 3, notRun + signalled, notRun + by + signalled + " XCPU"},
+  };
+  const long descriptors = openDescriptors();
   std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&cases, t] {
-      for (int i = 0; i < 250; ++i) {
-        const auto& [path, parameter, code] = cases[(i + t) % cases.size()];
-        EXPECT_EQ(run(path, parameter).code, code) << path;
-      }
-    });
-  }
+  for (const PluginRun& run : runs) threads.emplace_back([&run] { expectRun(run); });
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(openDescriptorCount(), before);
+  EXPECT_EQ(openDescriptors(), descriptors);
   EXPECT_TRUE(noChildLeft());
-  // A start's stack is kept for the next one, not mapped anew each time.
+  EXPECT_EQ(processesMentioning(path("never")), 0);
   const long mapped = mappedKb();
-  for (int i = 0; i < 300; ++i) run(plugin("plugin_exit.sh"), "ok 0");
+  for (int i = 0; i < 300; ++i) expectRun(runs[0]);
   EXPECT_LT(mappedKb() - mapped, 4096);
 }
 
-using ServiceLimits = TempDirTest;
-
-TEST_F(ServiceLimits, PluginOverItsTimeLimitIsEndedWithWhatItStartedAndReportedUnknown) {
-  const std::string timedOut = "UNKNOWN: plugin timed out after 1 seconds\n";
-  const std::string never = path("never");
-  // The plugin that ends by itself gets a limit that a loaded machine cannot reach.
-  const std::vector<std::tuple<std::string, std::string, int, std::string, int>> cases = {
-      {"/bin/sleep", "30", 3, timedOut, 1},
-      {plugin("fault_background.sh"), path("started") + " " + never, 3, timedOut, 1},
-      {plugin("fault_close_stdout.sh"), path("started") + " " + never, 3, timedOut, 1},
-      {plugin("plugin_exit.sh"), "quick 0", 0, "quick\n", 60},
-  };
-  for (const auto& [program, parameter, code, out, seconds] : cases) {
-    RunLimits limits;
-    limits.timeoutSeconds = seconds;
-    const Outcome r = run(program, parameter, limits);
-    EXPECT_EQ(r.returned, code) << program;
-    EXPECT_EQ(r.out, out) << program;
-    EXPECT_EQ(r.error, "") << program;
-    EXPECT_TRUE(noChildLeft()) << program;
-    EXPECT_EQ(processesMentioning(never), 0) << program;
-  }
-  // One that closes its output and ends later, within its limit, is waited for.
-  std::thread releaser([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    writeFile("release", "");
-  });
-  RunLimits generous;
-  generous.timeoutSeconds = 60;
-  const Outcome late =
-      run(plugin("fault_close_stdout.sh"), path("late") + " " + path("release"), generous);
-  releaser.join();
-  EXPECT_EQ(late.returned, 2);
-  EXPECT_EQ(late.out, "early\n");
-}
-
-TEST(ServiceExecute, OutputOverItsLimitIsCutAtACharacterAndSaysSo) {
-  const auto limited = [](std::size_t bytes) {
-    RunLimits limits;
-    limits.maxOutput = bytes;
-    return limits;
-  };
-  std::string kept;
-  while (kept.size() < 1000) kept += "0123456789abcdef\n";
-  kept.resize(1000);
-  EXPECT_EQ(run(plugin("plugin_big.sh"), "100000", limited(1000)).out,
-            kept + "\n[output truncated after 1000 bytes]\n");
-  EXPECT_EQ(run(plugin("plugin_bytes.sh"), "ab\\303\\251cd", limited(3)).out,
-            "ab\n[output truncated after 3 bytes]\n");
-  EXPECT_EQ(run(plugin("plugin_bytes.sh"), "abc", limited(3)).out, "abc");
-  EXPECT_EQ(run(plugin("plugin_bytes.sh"), "\\303\\251", limited(1)).out,
-            "[output truncated after 1 bytes]\n");
-}
-
-using ServicePinned = TempDirTest;
-
-// Started from the open file, not from the path (which names nothing here): a binary, which must
-// not inherit the descriptor, a #! script, which needs it, and a file that is not executable.
-TEST_F(ServicePinned, PluginStartsFromTheOpenFile) {
-  writeFile("data", "not a program\n");
-  const std::vector<std::tuple<std::string, std::string, int, std::string>> cases = {
-      {"/bin/sh", "-c 'test -e /proc/$$/fd/FD && echo open || echo closed'", 0, "closed\n"},
-      {plugin("plugin_exit.sh"), "pinned 1", 1, "pinned\n"},
-      {path("data"), "", 2, "DAEMON: plugin is not executable Permission denied\n"},
-  };
-  for (auto [file, parameter, code, out] : cases) {
-    const auto executable =
-        std::make_shared<const UniqueFd>(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    ASSERT_TRUE(*executable) << file;
-    const std::size_t fd = parameter.find("FD");
-    if (fd != std::string::npos) parameter.replace(fd, 2, std::to_string(executable->get()));
+// The error text replaces each item holding "$ERROR"; a program that cannot start still returns 0
+// once waited for.
+TEST(ServiceAlerting, ProgramGetsTheErrorTextAndAMissingOneStillReturnsZero) {
+  const std::pair<std::string, std::string> programs[] = {
+      {"/bin/echo", "a disk full\n"}, {"/nonexistent/alert", "No such file or directory\n"}};
+  for (const auto& [program, printed] : programs) {
     service s;
-    s.Setpath(path("absent"));
-    s.Setparameter(parameter);
-    s.SetExecutable(executable);
-    EXPECT_EQ(s.execute(), code) << file;
-    EXPECT_EQ(s.GetStdout(), out) << file;
+    ServiceTestPeer::setAlertingSoftware(s, program);
+    s.SetAlertingParameter("a");
+    s.SetAlertingParameter("x$ERRORy");
+    CapturedOutput output(STDOUT_FILENO);
+    const int returned = s.executeAlertingSoftware("disk full");
+    EXPECT_EQ(output.text(), printed);
+    EXPECT_EQ(returned, 0);
   }
+  EXPECT_TRUE(noChildLeft());
 }
 
-using ServiceAlerting = TempDirTest;
-
-TEST_F(ServiceAlerting, MissingProgramStillReturnsZero) {
+// A copy carries every field that can be set; the cost is 300000 / interval, 0 for an interval of
+// 0.
+TEST(ServiceRecord, CopyCarriesEveryFieldAndTheCostFollowsTheInterval) {
   service s;
-  ServiceTestPeer::setAlertingSoftware(s, "/nonexistent/alert");
-  CapturedOutput printed(STDOUT_FILENO);
-  const int returned = s.executeAlertingSoftware("down");
-  EXPECT_EQ(printed.text(), "No such file or directory\n");
-  EXPECT_EQ(returned, 0);
-  EXPECT_TRUE(noChildLeft());
+  EXPECT_EQ(s.GetCost(), 1.0f);
+  s.Setinterval_exec_time(0);
+  EXPECT_EQ(s.GetCost(), 0.0f);
+  s.SetService_id(42);
+  s.Setparameter("-w '80 %'");
+  s.SetAlertingParameter("a");
+  s.Setinterval_exec_time(13);
+  ServiceTestPeer::setExecTime(s, 5, 6);
+  const service copy(s);
+  EXPECT_EQ(copy.GetCost(), 23076.0f);
+  EXPECT_EQ(copy.Getinterval_exec_time(), 13);
+  EXPECT_EQ(copy.GetService_idStr(), "42");
+  EXPECT_EQ(copy.getVectorParam(), (std::vector<std::string>{"-w", "80 %"}));
+  EXPECT_EQ(copy.getVectorAlertingParam(), std::vector<std::string>{"a"});
+  EXPECT_EQ(copy.GetExecTimeSec() + copy.GetExecTimeuSec(), 11);
+  EXPECT_EQ(copy.GetMaintenanceMode() + copy.getLastValidateReturnCode(), 0);
 }
 
 // Each side is read as stored, the other one through its int getter.
