@@ -57,11 +57,6 @@ class ConfigCheckTest : public TempDirTest {
     writeFile("noexec/check_a", "#!/bin/sh\necho OK\n");
   }
 
-  std::string inDir(std::string text) const {
-    for (std::size_t at; (at = text.find("$D")) != std::string::npos;) text.replace(at, 2, dir_);
-    return text;
-  }
-
   // The configuration and its files with one change: `what` names a key as SECTION/key, or a file
   // of the directory, which `to` is then written into (null: removed).
   void write(const std::string& what = "", const char* to = "") {
@@ -101,6 +96,7 @@ TEST_F(ConfigCheckTest, EachFaultIsOneLineNamingItsKeyOrFile) {
       {"LOG/info", "$D/log", "LOG/info: $D/log is a directory"},
       {"LOG/lastExec", "", "LOG/lastExec is empty"},
       {"LOG/metrics_file", "$D/none/a.prom", "LOG/metrics_file: cannot write in $D/none: "},
+      {"NIVO/plugin_dir", "", "NIVO/plugin_dir is empty: the agent ends at start-up"},
       {"NIVO/plugin_dir", "$D/none", "NIVO/plugin_dir: cannot list $D/none"},
       {"NIVO/plugin_dir", "$D/noexec", "NIVO/plugin_list: check_a: $D/noexec/check_a is not an"},
       {"NIVO/plugin_list", "$D/none.list", "NIVO/plugin_list: cannot read $D/none.list"},

@@ -40,10 +40,9 @@ void expectVerdicts(PluginRules& rules, const std::vector<std::string>& orders, 
 
 class PluginRulesTest : public TempDirTest {
  protected:
-  // The rules file with $D standing for the test's directory.
-  PluginRules load(std::string rules, int confinementAbi = 0) {
-    for (std::size_t at; (at = rules.find("$D")) != std::string::npos;) rules.replace(at, 2, dir_);
-    writeFile("rules", rules);
+  // The rules file, $D standing for the test's directory.
+  PluginRules load(const std::string& rules, int confinementAbi = 0) {
+    writeFile("rules", inDir(rules));
     std::map<std::string, std::string> catalogue;
     for (const char* name :
          {"check_disk", "check_dummy", "check_load", "check_procs", "check_swap", "check_users"})

@@ -1,5 +1,6 @@
 #include "src/common/logFile.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -11,16 +12,13 @@ namespace {
 
 using LogFileTest = TempDirTest;
 
-TEST_F(LogFileTest, MissingDirectoryFailsConstruction) {
+TEST_F(LogFileTest, MissingDirectoryFailsConstructionAndFileNameKeepsItsSlash) {
   const std::string missing = path("none/agent.log");
-  EXPECT_EQ(thrownText<FileException>([&] { logFile log(missing); }),
-            "error open file: " + missing);
-  EXPECT_EQ(thrownText<FileException>([&] { logFile log(char{0}, missing); }),
-            "error open file: " + missing);
+  const auto failure = testing::ThrowsMessage<FileException>("error open file: " + missing);
+  EXPECT_THAT([&] { logFile log(missing); }, failure);
+  EXPECT_THAT([&] { logFile log(char{0}, missing); }, failure);
   EXPECT_FALSE(std::filesystem::exists(path("none")));
-}
 
-TEST_F(LogFileTest, FileNameKeepsItsSlash) {
   const logFile log(path("b.log"));
   EXPECT_EQ(log.getFileName(), "/b.log");
   EXPECT_EQ(log.getDirectory(), dir_);
