@@ -99,6 +99,7 @@ TEST_F(PluginRulesTest, OrderRunsOnAUsableLineOfItsPluginThatMatchesItWithThatLi
                                                 path("absent") + ": No such file or directory" +
                                                 nothing);
     PluginRules rules = load(text, confinementAbi);
+    EXPECT_EQ(rules.text(), inDir(text));  // a reload tells by it whether the rules changed
     EXPECT_EQ(rules.problems(), problems);
     // Patterns anchored at both ends, around all their branches; the plugin's lines alternatives.
     expectVerdicts(rules,
