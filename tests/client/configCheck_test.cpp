@@ -136,8 +136,8 @@ TEST_F(ConfigCheckTest, EachFaultIsOneLineNamingItsKeyOrFile) {
   }
 }
 
-// What the kernel cannot enforce is said after the problems without failing the check (a reload
-// runs it); no Landlock at all fails it. NIVO_LANDLOCK_ABI_MAX caps the ABI once a process: each
+// What the kernel cannot enforce is said without failing the check (a reload runs it); no
+// Landlock at all fails it. NIVO_LANDLOCK_ABI_MAX caps the ABI once a process: each
 // case runs the check in a process of its own.
 TEST_F(ConfigCheckTest, RestrictionsTheKernelCannotEnforceAreSaid) {
   // Asked of the kernel itself: this process's answer may be capped.
