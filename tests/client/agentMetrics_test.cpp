@@ -10,10 +10,15 @@
 namespace {
 
 // The confinement's gauge is written only once confine_plugins is given, so that the file of an
-// agent that never set the key stays as it was; a run a limit ended counts as unknown.
-TEST(AgentMetrics, ConfinementShowsOnceTheKeyIsGivenAndALimitCountsUnknown) {
-  const agentMetrics metrics("1.0", std::chrono::system_clock::time_point{});
+// agent that never set the key stays as it was; a run a limit ended counts as unknown; reloads
+// are counted by their result.
+TEST(AgentMetrics, ReloadsByResultConfinementOnceTheKeyIsGivenAndALimitAsUnknown) {
+  agentMetrics metrics("1.0", std::chrono::system_clock::time_point{});
   AgentGauges gauges;
+  metrics.countReload(false);
+  EXPECT_NE(metrics.exposition(gauges).find("nivo_agent_reloads_total{result=\"refused\"} 1\n"
+                                            "nivo_agent_reloads_total{result=\"applied\"} 0\n"),
+            std::string::npos);
   EXPECT_EQ(metrics.exposition(gauges).find("confinement"), std::string::npos);
   for (const int abi : {0, 7}) {
     gauges.confinementAbi = abi;

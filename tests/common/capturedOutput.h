@@ -1,51 +1,35 @@
-// What the process writes to one of its standard descriptors while the object lives: the
-// descriptor points at a temporary file until text() or the destructor puts it back. Writes of
-// child processes started meanwhile are caught too, since they inherit the descriptor.
+// What the process writes to its standard output or standard error while the object lives:
+// GoogleTest's capture points the descriptor at a temporary file until text() or the destructor
+// puts it back. Writes of child processes started meanwhile are caught too, since they inherit the
+// descriptor. One capture of each stream at a time.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <iostream>
-#include <memory>
 #include <string>
-
-#include "src/common/uniqueFd.h"
 
 class CapturedOutput {
  public:
-  explicit CapturedOutput(int fd) : fd_(fd), saved_(::dup(fd)) {
-    flushAll();
-    if (file_ != nullptr && saved_) ::dup2(::fileno(file_.get()), fd_);
+  // `fd`: STDOUT_FILENO or STDERR_FILENO.
+  explicit CapturedOutput(int fd) : out_(fd == STDOUT_FILENO) {
+    out_ ? testing::internal::CaptureStdout() : testing::internal::CaptureStderr();
   }
-  ~CapturedOutput() { restore(); }
+  ~CapturedOutput() { text(); }
   CapturedOutput(const CapturedOutput&) = delete;
   CapturedOutput& operator=(const CapturedOutput&) = delete;
 
-  // Everything written so far; the descriptor is put back first.
-  std::string text() {
-    restore();
-    std::string captured;
-    if (file_ == nullptr) return "(no capture file)";
-    std::rewind(file_.get());
-    for (int c; (c = std::fgetc(file_.get())) != EOF;) captured.push_back(static_cast<char>(c));
-    return captured;
+  // Everything written until the first call; the descriptor is put back then.
+  const std::string& text() {
+    if (!taken_)
+      text_ =
+          out_ ? testing::internal::GetCapturedStdout() : testing::internal::GetCapturedStderr();
+    taken_ = true;
+    return text_;
   }
 
  private:
-  static void flushAll() {
-    std::cout.flush();
-    std::cerr.flush();
-    std::fflush(nullptr);
-  }
-  void restore() {
-    if (!saved_) return;
-    flushAll();
-    ::dup2(saved_.get(), fd_);
-    saved_.reset();
-  }
-
-  const int fd_;
-  UniqueFd saved_;
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file_{std::tmpfile(), &std::fclose};
+  const bool out_;
+  bool taken_ = false;
+  std::string text_;
 };

@@ -4,6 +4,8 @@
 
 #include <climits>
 
+#include "src/common/ip.h"
+
 namespace {
 
 TEST(ConvertToTest, WritesDefaultStreamFormat) {
@@ -29,6 +31,12 @@ TEST(ConvertToTest, PrintableForLogEscapesAndCapsWithoutCuttingAnEscape) {
             "a\\\\b\\x0a\\x1b[2J\\x00\\xc3\\xa9~");
   EXPECT_EQ(printableForLog("abc\ndef", 5), "abc...[4 more bytes]");
   EXPECT_EQ(printableForLog("abc\ndef", 7), "abc\\x0a...[3 more bytes]");
+}
+
+// Above 2^31 the first field's sign extension carries into the later ones, as servers expect.
+TEST(IpTest, DecimalAddressIsDottedWithTheSignExtensionKept) {
+  EXPECT_EQ(IP().IPdecToIP(167772161), "10.0.0.1");
+  EXPECT_EQ(IP().IPdecToIP(3232235777), "192.65704.16777217.1");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "src/common/logFile.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -11,17 +12,19 @@ namespace {
 
 using LogFileTest = TempDirTest;
 
-TEST_F(LogFileTest, MissingDirectoryFailsConstruction) {
+TEST_F(LogFileTest, MissingDirectoryFailsConstructionAndLinesAreStampedFromInfoOn) {
   const std::string missing = path("none/agent.log");
-  EXPECT_EQ(thrownText<FileException>([&] { logFile log(missing); }),
-            "error open file: " + missing);
-  EXPECT_EQ(thrownText<FileException>([&] { logFile log(char{0}, missing); }),
-            "error open file: " + missing);
+  const auto failure = testing::ThrowsMessage<FileException>("error open file: " + missing);
+  EXPECT_THAT([&] { logFile log(missing); }, failure);
+  EXPECT_THAT([&] { logFile log(char{0}, missing); }, failure);
   EXPECT_FALSE(std::filesystem::exists(path("none")));
-}
 
-TEST_F(LogFileTest, FileNameKeepsItsSlash) {
-  const logFile log(path("b.log"));
+  logFile log(path("b.log"));
+  log.write(char{0}, "dropped below INFO");
+  log.write(char{1}, "kept");
+  EXPECT_THAT(readFile("b.log"),
+              testing::MatchesRegex("[A-Z][a-z]{2} [A-Z][a-z]{2} [ 1-3][0-9] "
+                                    "[0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}#INFO#kept\n"));
   EXPECT_EQ(log.getFileName(), "/b.log");
   EXPECT_EQ(log.getDirectory(), dir_);
 }

@@ -26,6 +26,11 @@ class TempDirTest : public ::testing::Test {
   void writeFile(const std::string& name, const std::string& content) const {
     std::ofstream(path(name), std::ios::binary | std::ios::trunc) << content;
   }
+  // `text` with each $D replaced by the directory.
+  std::string inDir(std::string text) const {
+    for (std::size_t at; (at = text.find("$D")) != std::string::npos;) text.replace(at, 2, dir_);
+    return text;
+  }
   std::string readFile(const std::string& name) const {
     std::ostringstream content;
     content << std::ifstream(path(name), std::ios::binary).rdbuf();
@@ -34,15 +39,3 @@ class TempDirTest : public ::testing::Test {
 
   std::string dir_;
 };
-
-// what() of the exception of type E that call throws; fails the test when none is thrown.
-template <typename E, typename Call>
-std::string thrownText(Call call) {
-  try {
-    call();
-  } catch (const E& e) {
-    return e.what();
-  }
-  ADD_FAILURE() << "nothing thrown";
-  return "";
-}
