@@ -79,7 +79,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::size_t queued = fakes->web->queued.size() + fakes->monitor->queued.size();
   FUZZ_CHECK(sent + queued + fakes->exits.size() <= 1);
   FUZZ_CHECK(fakes->exits.empty() || fakes->exits[0] == 0);
-  if (frame.find("EXEC") == std::string::npos) FUZZ_CHECK(sent + queued == 0);
+  // Only a "\u" escape can spell the command without its letters ("\u0045XEC").
+  if (frame.find("EXEC") == std::string::npos && frame.find("\\u") == std::string::npos)
+    FUZZ_CHECK(sent + queued == 0);
   if (sent == 1) checkAnswer(fakes->link->sent.front());
   for (const dispatchFakes::QueueRecorder* pool : {fakes->web, fakes->monitor}) {
     for (const std::shared_ptr<service>& s : pool->queued) {
