@@ -1,6 +1,7 @@
 #include "src/service/pluginConfinement.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -72,8 +73,10 @@ TEST_F(Confinement, PluginIsHeldToItsRuleAsFarAsTheAbiReaches) {
       EXPECT_EQ(readFile("outside/log").empty(), !denied && deniedFrom == 3);
     }
   }
-  EXPECT_EQ(thrownText<ConfinementError>([this] { PluginConfinement::make(7, {path("none")}); }),
-            "cannot allow writing beneath " + path("none") + ": No such file or directory");
+  EXPECT_THAT([this] { PluginConfinement::make(7, {path("none")}); },
+              testing::ThrowsMessage<ConfinementError>("cannot allow writing beneath " +
+                                                       path("none") +
+                                                       ": No such file or directory"));
   // A confinement that cannot be put in place fails the start as a failed execve does: the
   // program never runs, unconfined or otherwise.
   PluginRun echo{"/bin/echo",
