@@ -110,6 +110,8 @@ TEST_F(ConfigCheckTest, EachFaultIsOneLineNamingItsKeyOrFile) {
       {"NIVO/thread", "four", "NIVO/thread: 'four' is not a worker count of 1 or more"},
       {"NIVO/thread", "0", "NIVO/thread: '0'"},
       {"NIVO/max_output", "64K", "NIVO/max_output: '64K' is not a whole number"},
+      {"NIVO/max_queue", "10000001", "NIVO/max_queue: '10000001' is not a whole number from 0 to "},
+      {"NIVO/max_order_bytes", "1073741825", "NIVO/max_order_bytes: '1073741825' is not a whole"},
       {"NIVO/plugin_rules", "$D/none", "NIVO/plugin_rules: cannot read the plugin rules $D/none"},
       {"plugin-rules", "check_a write=/nonexistent args=-w [0-9]+\n",
        "NIVO/plugin_rules: $D/plugin-rules:1: cannot allow writing beneath /nonexistent: No such"},

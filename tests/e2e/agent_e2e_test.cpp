@@ -52,6 +52,13 @@ TEST_F(AgentTest, OrdersAreAnsweredAndTheStatusAndLastExecutionFilesFollowTheRun
   EXPECT_EQ(answers_.to(9), once(qavel::execResponse(0, 9, "early-web\n", 0)));
   EXPECT_EQ(sandbox_->readFile("status"), kRunning);
   expectStampSince(before);
+  // The milestones of the start, each at its level.
+  const std::string url = "wss://" + serverAddress();
+  for (const std::string& line : std::vector<std::string>{
+           "#NOTICE#NIVO start.... \n", "#DEBUG#Signal arming...\n",
+           "#DEBUG#Server connection " + url + ".....\n",
+           "#INFO#Connect to server information: " + url + "\n", "#INFO#Pool exec is running\n"})
+    EXPECT_TRUE(logHas(line)) << line;
 
   sandbox_->removeFile("tmp/lastexec");
   const std::time_t beforeOrder = std::time(nullptr);

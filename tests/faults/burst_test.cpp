@@ -1,10 +1,10 @@
 // A burst of orders with a trivial plugin, while the agent reads its configuration again and again
-// (its catalogue changing each time) and, unsanitized, runs under an address-space limit that leaves
-// room for about a hundred 8 MB thread stacks, far fewer than the backlog makes the pools ask for.
-// Every order is answered exactly once, whichever catalogue it meets and however many workers the
-// system grants; the agent runs on, and gives back the descriptors and reaps the children it used.
-// Prints the figures of the run: throughput, peak memory and thread count (the pools grow with the
-// backlog and never shrink, so the count after the burst is its peak).
+// (its catalogue changing each time) and, unsanitized, runs under an address-space limit that
+// leaves room for about a hundred 8 MB thread stacks, far fewer than the backlog makes the pools
+// ask for. Every order is answered exactly once, whichever catalogue it meets and however many
+// workers the system grants; the agent runs on, and gives back the descriptors and reaps the
+// children it used. Prints the figures of the run: throughput, peak memory and thread count (the
+// pools grow with the backlog and never shrink, so the count after the burst is its peak).
 #include <signal.h>
 
 #include <atomic>
@@ -87,8 +87,8 @@ TEST_F(BurstTest, EveryOrderIsAnsweredOnceUnderReloadsAndTheThreadLimit) {
 
   std::cout << "burst of " << kOrders << " orders: sent in "
             << std::chrono::duration<double>(sent - start).count() << " s, all answered in "
-            << seconds << " s, " << static_cast<long>(kOrders / seconds) << " orders/s; "
-            << reloads << " SIGHUPs, " << applied << " reloads that changed the catalogue\n"
+            << seconds << " s, " << static_cast<long>(kOrders / seconds) << " orders/s; " << reloads
+            << " SIGHUPs, " << applied << " reloads that changed the catalogue\n"
             << "agent: VmRSS idle " << idleResident << " kB, VmHWM "
             << sandbox_->procStatus("VmHWM") << " kB, VmRSS after " << sandbox_->procStatus("VmRSS")
             << " kB; threads idle " << idleThreads << ", after " << sandbox_->procStatus("Threads")

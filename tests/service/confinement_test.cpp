@@ -74,9 +74,8 @@ TEST_F(Confinement, PluginIsHeldToItsRuleAsFarAsTheAbiReaches) {
     }
   }
   EXPECT_THAT([this] { PluginConfinement::make(7, {path("none")}); },
-              testing::ThrowsMessage<ConfinementError>("cannot allow writing beneath " +
-                                                       path("none") +
-                                                       ": No such file or directory"));
+              testing::ThrowsMessage<ConfinementError>(
+                  "cannot allow writing beneath " + path("none") + ": No such file or directory"));
   // A confinement that cannot be put in place fails the start as a failed execve does: the
   // program never runs, unconfined or otherwise.
   PluginRun echo{"/bin/echo",
