@@ -110,6 +110,8 @@ TEST_F(ConfigCheckTest, EachFaultIsOneLineNamingItsKeyOrFile) {
       {"NIVO/thread", "four", "NIVO/thread: 'four' is not a worker count of 1 or more"},
       {"NIVO/thread", "0", "NIVO/thread: '0'"},
       {"NIVO/max_output", "64K", "NIVO/max_output: '64K' is not a whole number"},
+      {"NIVO/unknown_on_failure", "2",
+       "NIVO/unknown_on_failure: '2' is not a whole number from 0 to 1"},
       {"NIVO/max_queue", "10000001", "NIVO/max_queue: '10000001' is not a whole number from 0 to "},
       {"NIVO/max_order_bytes", "1073741825", "NIVO/max_order_bytes: '1073741825' is not a whole"},
       {"NIVO/plugin_rules", "$D/none", "NIVO/plugin_rules: cannot read the plugin rules $D/none"},

@@ -152,23 +152,6 @@ TEST_F(AgentTest, SigtermStopsAgentAtOnceAndClosesLinkNormally) {
   EXPECT_EQ(kill(std::stoi(sandbox_->readFile("started")), 0), 0);
 }
 
-TEST_F(AgentTest, LinkLostWhileReportingStopsAgentAtOnce) {
-  addPlugin("pool_block", "pool_block.sh");
-  ASSERT_TRUE(launchRunning());
-  const std::string started = sandbox_->path("started");
-  server_->sendExec(1, "pool_block", started + " " + sandbox_->path("release"), 5);
-  ASSERT_TRUE(eventually([&] { return std::filesystem::exists(started); }));
-  server_->closeLink(1000, "server going away");
-  ASSERT_TRUE(server_->waitForClose(kWait));
-  sandbox_->writeFile("release", "");
-  // Not at the next ping, up to 40 s later: the failed report stops the agent.
-  EXPECT_EQ(ending(kStopWait), kExitedNormally);
-  const std::string log = sandbox_->log();
-  const std::size_t failure = log.find("#ERRORS#" + kLinkFailure);
-  ASSERT_NE(failure, std::string::npos);
-  EXPECT_NE(log.find(kStopText + "1\n", failure), std::string::npos);
-}
-
 // While start-up reads the host's address: a SIGTERM ends it cleanly before it connects, and a
 // SIGHUP does not end it: the reload is served once the agent runs.
 TEST_F(AgentTest, SignalsDuringStartUpStopItOrAreServedOnceItRuns) {

@@ -72,7 +72,7 @@ TEST_F(BurstTest, EveryOrderIsAnsweredOnceUnderReloadsAndTheThreadLimit) {
     ++applied;
   EXPECT_GT(applied, 10u) << "of " << reloads << " SIGHUPs";
   // The limit was reached: the system refused a worker, and the agent went on with those it had.
-  if (!kSanitized) EXPECT_NE(log.find("Create New Thread failed"), std::string::npos);
+  EXPECT_TRUE(kSanitized || log.find("Create New Thread failed") != std::string::npos);
 
   // The last answer leaves before its worker has closed the pipe and reaped the plugin.
   long descriptors = -1;
