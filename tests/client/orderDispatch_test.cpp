@@ -81,6 +81,10 @@ TEST(OrderDispatch, OrdersThatCannotRunAreAnsweredAtOnce) {
        "UNKNOWN: the order is " + std::to_string(tooLarge.size()) +
            " bytes long, above the agent's bound of 200 bytes (max_order_bytes); it was not run",
        "too_large", false},
+      {order(R"({"NAME":"check_dummy","PARAMETER":")" + std::string(300, 'x') + R"("})"), 5, 3, 0,
+       "UNKNOWN: the order is 363 bytes long, above the agent's bound of 200 bytes "
+       "(max_order_bytes); it was not run",
+       "too_large", false},
       {order(R"({"TASKID":4,"NAME":"check_dummy"})"), 2, -1, 4,
        LandlockSupport::get().notRunText("check_dummy"), "not_confined", true},
   };
