@@ -57,7 +57,8 @@ TEST_F(AgentTest, OrdersAreAnsweredAndTheStatusAndLastExecutionFilesFollowTheRun
   for (const std::string& line : std::vector<std::string>{
            "#NOTICE#NIVO start.... \n", "#DEBUG#Signal arming...\n",
            "#DEBUG#Server connection " + url + ".....\n",
-           "#INFO#Connect to server information: " + url + "\n", "#INFO#Pool exec is running\n"})
+           "#INFO#Connect to server information: " + url + "\n",
+           "#DEBUG#POOL EXEC: Auto size mode\n", "#INFO#Pool exec is running\n"})
     EXPECT_TRUE(logHas(line)) << line;
 
   sandbox_->removeFile("tmp/lastexec");
