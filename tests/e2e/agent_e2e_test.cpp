@@ -58,7 +58,8 @@ TEST_F(AgentTest, OrdersAreAnsweredAndTheStatusAndLastExecutionFilesFollowTheRun
            "#NOTICE#NIVO start.... \n", "#DEBUG#Signal arming...\n",
            "#DEBUG#Server connection " + url + ".....\n",
            "#INFO#Connect to server information: " + url + "\n",
-           "#DEBUG#POOL EXEC: Auto size mode\n", "#INFO#Pool exec is running\n"})
+           "#DEBUG#POOL EXEC: Auto size mode\n", "#DEBUG#POOL EXEC: Pool Start, size: 1\n",
+           "#DEBUG#POOL EXEC: service exec plugin_exit\n", "#INFO#Pool exec is running\n"})
     EXPECT_TRUE(logHas(line)) << line;
 
   sandbox_->removeFile("tmp/lastexec");
