@@ -59,7 +59,9 @@ TEST_F(AgentTest, OrdersAreAnsweredAndTheStatusAndLastExecutionFilesFollowTheRun
            "#DEBUG#Server connection " + url + ".....\n",
            "#INFO#Connect to server information: " + url + "\n",
            "#DEBUG#POOL EXEC: Auto size mode\n", "#DEBUG#POOL EXEC: Pool Start, size: 1\n",
-           "#DEBUG#POOL EXEC: service exec plugin_exit\n", "#INFO#Pool exec is running\n"})
+           "#DEBUG#POOL EXEC: service exec plugin_exit\n",
+           "#DEBUG#ENDPOINT SOCKET: start connect function: " + url + "\n",
+           "#DEBUG#ENDPOINT SOCKET: on_message function: {", "#INFO#Pool exec is running\n"})
     EXPECT_TRUE(logHas(line)) << line;
 
   sandbox_->removeFile("tmp/lastexec");
