@@ -42,16 +42,17 @@ namespace {
   _exit(127);
 }
 
-// The children of every thread of `pid`, as /proc lists them.
-std::vector<pid_t> childrenOf(pid_t pid) {
-  std::vector<pid_t> children;
+// Every process in the mount namespace that `link` names (as /proc/PID/ns/mnt reads).
+std::vector<pid_t> processesIn(const std::string& link) {
+  std::vector<pid_t> found;
   std::error_code ignored;
-  const fs::path tasks = "/proc/" + std::to_string(pid) + "/task";
-  for (const auto& task : fs::directory_iterator(tasks, ignored)) {
-    std::ifstream list(task.path() / "children");
-    for (pid_t child; list >> child;) children.push_back(child);
+  for (const auto& process : fs::directory_iterator("/proc", ignored)) {
+    const std::string name = process.path().filename();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    if (fs::read_symlink(process.path() / "ns" / "mnt", ignored).string() == link)
+      found.push_back(std::stoi(name));
   }
-  return children;
+  return found;
 }
 
 }  // namespace
@@ -80,16 +81,22 @@ agentSandbox::agentSandbox(Paths paths, const std::string& serverUrl, const std:
 }
 
 agentSandbox::~agentSandbox() {
-  // Plugins still running (a blocked one, say) hold files in the directory about to be removed.
-  // Each leads a process group of its own, with whatever it started.
-  std::vector<pid_t> plugins;
   if (running()) {
-    plugins = childrenOf(pid_);
     kill(pid_, SIGKILL);
     waitExit(std::chrono::seconds(10));
   }
-  for (const pid_t plugin : plugins) kill(-plugin, SIGKILL);
   if (pid_ > 0) kill(-pid_, SIGKILL);
+  // Plugins the agent left behind, running or blocked, whether it still ran or not: each leads a
+  // process group of its own, with whatever it started, and holds files in the directory. They
+  // are no longer the agent's children once it has ended, but stay in its mount namespace.
+  std::string link;
+  if (std::getline(std::ifstream(path(".overlay/namespace")), link) && !link.empty()) {
+    const pid_t ownGroup = getpgrp();
+    for (const pid_t plugin : processesIn(link)) {
+      const pid_t group = getpgid(plugin);
+      kill(group > 0 && group != ownGroup ? -group : plugin, SIGKILL);
+    }
+  }
   std::error_code ignored;
   fs::remove_all(dir_, ignored);
 }
