@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -42,15 +43,21 @@ namespace {
   _exit(127);
 }
 
-// Every process in the mount namespace that `link` names (as /proc/PID/ns/mnt reads).
-std::vector<pid_t> processesIn(const std::string& link) {
+// Every process whose mounts include the sandbox's overlays (their options name `dir`): whatever
+// runs in the namespace sandbox-run made, the agent's plugins included after it has ended. A
+// namespace's number does not tell it, since another sandbox's may take it up once it is gone.
+std::vector<pid_t> processesInSandbox(const std::string& dir) {
   std::vector<pid_t> found;
   std::error_code ignored;
+  const fs::path host = fs::read_symlink("/proc/self/ns/mnt", ignored);
+  const std::string mark = dir + "/.overlay/";
   for (const auto& process : fs::directory_iterator("/proc", ignored)) {
     const std::string name = process.path().filename();
     if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    if (fs::read_symlink(process.path() / "ns" / "mnt", ignored).string() == link)
-      found.push_back(std::stoi(name));
+    if (fs::read_symlink(process.path() / "ns" / "mnt", ignored) == host) continue;
+    std::ifstream mounts(process.path() / "mountinfo");
+    const std::string text{std::istreambuf_iterator<char>(mounts), {}};
+    if (text.find(mark) != std::string::npos) found.push_back(std::stoi(name));
   }
   return found;
 }
@@ -89,13 +96,10 @@ agentSandbox::~agentSandbox() {
   // Plugins the agent left behind, running or blocked, whether it still ran or not: each leads a
   // process group of its own, with whatever it started, and holds files in the directory. They
   // are no longer the agent's children once it has ended, but stay in its mount namespace.
-  std::string link;
-  if (std::getline(std::ifstream(path(".overlay/namespace")), link) && !link.empty()) {
-    const pid_t ownGroup = getpgrp();
-    for (const pid_t plugin : processesIn(link)) {
-      const pid_t group = getpgid(plugin);
-      kill(group > 0 && group != ownGroup ? -group : plugin, SIGKILL);
-    }
+  const pid_t ownGroup = getpgrp();
+  for (const pid_t plugin : processesInSandbox(dir_)) {
+    const pid_t group = getpgid(plugin);
+    kill(group > 0 && group != ownGroup ? -group : plugin, SIGKILL);
   }
   std::error_code ignored;
   fs::remove_all(dir_, ignored);
