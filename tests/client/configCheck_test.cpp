@@ -1,19 +1,15 @@
 #include "src/client/configCheck.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <iostream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "src/service/landlock.h"
 #include "tests/common/tempDirTest.h"
 
 namespace {
@@ -138,46 +134,6 @@ TEST_F(ConfigCheckTest, EachFaultIsOneLineNamingItsKeyOrFile) {
     ASSERT_EQ(lines.size(), 1u) << ::testing::PrintToString(lines);
     EXPECT_EQ(lines[0].rfind(inDir(c.line), 0), 0u) << lines[0];
   }
-}
-
-// What the kernel cannot enforce is said without failing the check (a reload runs it); no
-// Landlock at all fails it. NIVO_LANDLOCK_ABI_MAX caps the ABI once a process: each
-// case runs the check in a process of its own.
-TEST_F(ConfigCheckTest, RestrictionsTheKernelCannotEnforceAreSaid) {
-  // Asked of the kernel itself: this process's answer may be capped.
-  ASSERT_GE(landlock::createRuleset(nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION), 6);
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const std::string key = "NIVO/confine_plugins: ";
-  const struct {
-    const char* cap;
-    const char* confine;
-    int status;
-    std::string out;
-  } cases[] = {
-      {"5", "1", 0,
-       key + "Landlock ABI 5 cannot restrict signals and abstract UNIX sockets (ABI 6); plugins "
-             "run without that restriction\n"},
-      {"0", "1", 1,
-       key + "NIVO_LANDLOCK_ABI_MAX=0 leaves no Landlock ABI (a test setting); every order is "
-             "refused\n"},
-      {"0", "0", 0, ""},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string("cap ") + c.cap + ", confine_plugins=" + c.confine);
-    write("NIVO/confine_plugins", c.confine);
-    ::setenv("NIVO_LANDLOCK_ABI_MAX", c.cap, 1);
-    EXPECT_EXIT(
-        {
-          std::ostringstream out;
-          const int status =
-              configCheck::answer(configCheck::kCheckConfig, path("qavel.conf"), fixedFiles(), out);
-          std::cerr << out.str();
-          std::filesystem::remove_all(dir_);  // a process of its own: no TearDown
-          std::exit(status);
-        },
-        ::testing::ExitedWithCode(c.status), ::testing::Eq(c.out));
-  }
-  ::unsetenv("NIVO_LANDLOCK_ABI_MAX");
 }
 
 }  // namespace

@@ -1,22 +1,15 @@
 #include "src/client/pluginRules.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <ctime>
 #include <map>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
 
 #include "src/service/pluginConfinement.h"
 #include "src/service/service.h"
-#include "tests/common/rewriteInPlace.h"
 #include "tests/common/tempDirTest.h"
 
 namespace {
@@ -127,43 +120,6 @@ TEST_F(PluginRulesTest, OrderRunsOnAUsableLineOfItsPluginThatMatchesItWithThatLi
     EXPECT_EQ(disk.confinement != nullptr, confined);
     EXPECT_EQ(disk.confinement == users, !confined);
   }
-}
-
-TEST_F(PluginRulesTest, PinnedPluginRunsOnlyWhileItsContentHasTheHash) {
-  const std::string v1 = "#!/bin/sh\necho v1\n";
-  writeFile("check_dummy", v1);
-  PluginRules rules = load(
-      "check_dummy sha256=667F61A069B75F1F57FC561623DA00E013E144221E8EA54DE2803DA9DD8AA952 args=\n"
-      "check_dummy args=unpinned\n");
-  // Until the clock that stamps files has passed the file's change: a hash taken from then on is
-  // relied on until the file changes.
-  struct stat written;
-  ASSERT_EQ(::stat(path("check_dummy").c_str(), &written), 0);
-  for (timespec now{}; ::clock_gettime(CLOCK_REALTIME_COARSE, &now) == 0 &&
-                       std::tie(now.tv_sec, now.tv_nsec) <=
-                           std::tie(written.st_ctim.tv_sec, written.st_ctim.tv_nsec);)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-
-  const PluginRules::Verdict first = check(rules, "check_dummy");
-  ASSERT_NE(first.executable, nullptr);
-  char content[64];
-  EXPECT_EQ(std::string(content, ::pread(first.executable->get(), content, sizeof content, 0)), v1);
-
-  rewriteInPlace(path("check_dummy"), "#!/bin/sh\necho v2\n");
-  const PluginRules::Verdict changed = check(rules, "check_dummy");
-  EXPECT_EQ(changed.refusal, "the executable does not match its hash");
-  const PluginRules::Verdict unpinned = check(rules, "check_dummy unpinned");
-  EXPECT_TRUE(unpinned.allowed);
-  EXPECT_EQ(unpinned.executable, nullptr);
-
-  rewriteInPlace(path("check_dummy"), v1);
-  EXPECT_NE(check(rules, "check_dummy").executable, nullptr);
-  // A run still holding the first descriptor keeps it open after the file was hashed anew.
-  EXPECT_NE(::fcntl(first.executable->get(), F_GETFD), -1);
-
-  ASSERT_EQ(::unlink(path("check_dummy").c_str()), 0);
-  EXPECT_EQ(check(rules, "check_dummy").refusal,
-            "the executable cannot be read: No such file or directory");
 }
 
 }  // namespace

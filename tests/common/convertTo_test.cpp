@@ -26,13 +26,6 @@ TEST(ConvertToTest, TrimsSixWhiteSpaceCharacters) {
   EXPECT_EQ(trim(" \t\v"), "");
 }
 
-TEST(ConvertToTest, PrintableForLogEscapesAndCapsWithoutCuttingAnEscape) {
-  EXPECT_EQ(printableForLog(std::string("a\\b\n\x1b[2J\0\xc3\xa9~", 12), 100),
-            "a\\\\b\\x0a\\x1b[2J\\x00\\xc3\\xa9~");
-  EXPECT_EQ(printableForLog("abc\ndef", 5), "abc...[4 more bytes]");
-  EXPECT_EQ(printableForLog("abc\ndef", 7), "abc\\x0a...[3 more bytes]");
-}
-
 // Above 2^31 the first field's sign extension carries into the later ones, as servers expect.
 TEST(IpTest, DecimalAddressIsDottedWithTheSignExtensionKept) {
   EXPECT_EQ(IP().IPdecToIP(167772161), "10.0.0.1");

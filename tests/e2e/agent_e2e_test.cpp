@@ -25,7 +25,6 @@ constexpr std::chrono::seconds kStopWait{10};
 const std::string kStopText = "stop qavel client... SIGTERM: ";
 
 const std::string kStarting = "STATUS=STARTING             \nREGISTER=NONE               \n";
-const std::string kConnecting = "STATUS=CONNECTING           \nREGISTER=NONE               \n";
 const std::string kRegistering = "STATUS=REGISTERING          \nREGISTER=NONE               \n";
 const std::string kRunning = "STATUS=RUNNING              \nREGISTER=OK                 \n";
 
@@ -154,32 +153,6 @@ TEST_F(AgentTest, SigtermStopsAgentAtOnceAndClosesLinkNormally) {
   EXPECT_NE(log.find(kLinkFailure, stop), std::string::npos);
   EXPECT_NE(log.find("Pool stop, size: ", stop), std::string::npos);
   EXPECT_EQ(kill(std::stoi(sandbox_->readFile("started")), 0), 0);
-}
-
-// While start-up reads the host's address: a SIGTERM ends it cleanly before it connects, and a
-// SIGHUP does not end it: the reload is served once the agent runs.
-TEST_F(AgentTest, SignalsDuringStartUpStopItOrAreServedOnceItRuns) {
-  sandbox_.reset();
-  const auto slowAddress = [](agentSandbox& sandbox) {
-    sandbox.setKey("NIVO", "ip_command", kPlugins + "/e2e_ip_slow.sh");
-  };
-  Pair& stopped = startPair({}, slowAddress);
-  Pair& reloaded = startPair({}, slowAddress);
-  for (Pair* pair : {&stopped, &reloaded}) {
-    ASSERT_TRUE(
-        eventually([&] { return std::filesystem::exists(pair->sandbox->path("tmp/ip-started")); }));
-    pair->sandbox->signal(pair == &stopped ? SIGTERM : SIGHUP);
-    pair->sandbox->writeFile("tmp/ip-release", "");
-  }
-  EXPECT_EQ(agentSandbox::describeEnd(stopped.sandbox->waitExit(kStopWait)), kExitedNormally);
-  EXPECT_NE(stopped.sandbox->log().find(kStopText + "15\n"), std::string::npos);
-  EXPECT_EQ(stopped.sandbox->readFile("status"), kConnecting);
-  EXPECT_FALSE(stopped.server->waitForConnection(std::chrono::milliseconds(0)));
-
-  ASSERT_TRUE(reloaded.sandbox->waitForLog("#NOTICE#NIVO reload: nothing changed\n", kWait));
-  const std::string log = reloaded.sandbox->log();
-  EXPECT_LT(log.find("Pool exec is running"), log.find("NIVO reload: nothing changed"));
-  EXPECT_TRUE(reloaded.sandbox->running());
 }
 
 TEST_F(AgentTest, AgentEndsAtNextPingOnceServerClosesLink) {

@@ -9,20 +9,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-using OpenTimeoutTest = FaultTest;
-
-// The server's TLS handshake starts 8 s after the agent's TCP connection, past WebSocket++'s own
-// 5 s for a handshake: the link opens within open_timeout all the same.
-TEST_F(OpenTimeoutTest, SlowTlsHandshakeOpensWithinTheWait) {
-  sandbox_->setKey("NIVO", "open_timeout", "20");
-  qavel::ServerOptions options;
-  options.tlsDelay = seconds(8);
-  launch(options);
-  ASSERT_TRUE(answers_.waitForRegister(seconds(8) + kWait));
-  server_->sendExec(1, "plugin_exit", "slow", 5);
-  EXPECT_EQ(answers_.to(1), once(qavel::execResponse(0, 1, "slow\n", 0)));
-}
-
 using PongTimeoutTest = FaultTest;
 
 // A server that no longer answers, whether it still reads (no pong) or not (nothing read after

@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "src/service/service.h"
-#include "tests/common/capturedOutput.h"
 #include "tests/common/leftovers.h"
 #include "tests/service/pluginRun.h"
 
@@ -25,9 +24,6 @@ class ServiceTestPeer {
   static void setExecTime(service& s, std::int64_t seconds, std::int64_t microseconds) {
     s.execTimeSec_ = seconds;
     s.execTimeuSec_ = microseconds;
-  }
-  static void setAlertingSoftware(service& s, std::string path) {
-    s.alertingSoftware_ = std::move(path);
   }
 };
 
@@ -144,24 +140,6 @@ TEST_F(ServiceExecute, EveryEndingIsAnsweredAsAloneAndLeavesNothingBehind) {
   const long mapped = mappedKb();
   for (int i = 0; i < 300; ++i) expectRun(runs[0]);
   EXPECT_LT(mappedKb() - mapped, 4096);
-}
-
-// The error text replaces each item holding "$ERROR"; a program that cannot start still returns 0
-// once waited for.
-TEST(ServiceAlerting, ProgramGetsTheErrorTextAndAMissingOneStillReturnsZero) {
-  const std::pair<std::string, std::string> programs[] = {
-      {"/bin/echo", "a disk full\n"}, {"/nonexistent/alert", "No such file or directory\n"}};
-  for (const auto& [program, printed] : programs) {
-    service s;
-    ServiceTestPeer::setAlertingSoftware(s, program);
-    s.SetAlertingParameter("a");
-    s.SetAlertingParameter("x$ERRORy");
-    CapturedOutput output(STDOUT_FILENO);
-    const int returned = s.executeAlertingSoftware("disk full");
-    EXPECT_EQ(output.text(), printed);
-    EXPECT_EQ(returned, 0);
-  }
-  EXPECT_TRUE(noChildLeft());
 }
 
 // A copy carries every field that can be set; the cost is 300000 / interval, 0 for an interval of

@@ -412,9 +412,6 @@ void QavelServer::start() {
   server.init_asio();
   server.set_reuse_addr(true);
   server.set_tls_init_handler([&impl](const Hdl&) { return impl.tls; });
-  server.set_tcp_pre_init_handler([&impl](const Hdl&) {
-    if (impl.options.tlsDelay.count() > 0) std::this_thread::sleep_for(impl.options.tlsDelay);
-  });
   server.set_validate_handler([&impl](Hdl hdl) { return impl.onValidate(hdl); });
   server.set_open_handler([&impl](Hdl hdl) { impl.onOpen(hdl); });
   server.set_fail_handler([&impl](Hdl hdl) { impl.onFail(hdl); });

@@ -79,9 +79,6 @@ struct ServerOptions {
   // Each opening handshake is held this long before it is accepted. The I/O thread waits
   // meanwhile: for tests of a slow link, one connection at a time.
   std::chrono::milliseconds openDelay{0};
-  // Each connection's TLS handshake starts this long after its TCP connection was accepted, the
-  // I/O thread waiting as above: a slow network, or a server under load, as the agent meets it.
-  std::chrono::milliseconds tlsDelay{0};
   // "EXEC" documents sent, in order, right after each "REGISTER" has been handled.
   std::vector<Json::Value> execOrders;
   // Called on the I/O thread, outside the server's locks.
