@@ -44,8 +44,10 @@ long refusals(const std::string& reason) {
 std::string order(const std::string& task) { return R"({"COMMAND":"EXEC","TASK":)" + task + "}"; }
 
 TEST(OrderDispatch, OrdersThatCannotRunAreAnsweredAtOnce) {
-  const std::string tooLarge =
-      order(R"({"NAME":"check_dummy","PARAMETER":")" + std::string(300, 'x') + R"(","TASKID":21})");
+  // Members of every kind before TASKID, which the skimmer passes over.
+  const std::string tooLarge = order(R"({"NAME":"check_dummy","PRIORITY":5,"X":{"a":[1,{}]},)"
+                                     R"("PARAMETER":")" +
+                                     std::string(300, 'x') + R"(","TASKID":21})");
   const struct {
     std::string frame;
     int status, returned, taskId;
@@ -64,8 +66,8 @@ TEST(OrderDispatch, OrdersThatCannotRunAreAnsweredAtOnce) {
        "UNKNOWN: the order is " + std::to_string(tooLarge.size()) +
            " bytes long, above the agent's bound of 200 bytes (max_order_bytes); it was not run",
        "too_large", false},
-      {order(R"({"NAME":"check_dummy","PARAMETER":")" + std::string(300, 'x') + R"("})"), 5, 3, 0,
-       "UNKNOWN: the order is 363 bytes long, above the agent's bound of 200 bytes "
+      {R"({"COMMAND":"EXEC","PARAMETER":")" + std::string(300, 'x') + R"("})", 5, 3, 0,
+       "UNKNOWN: the order is 333 bytes long, above the agent's bound of 200 bytes "
        "(max_order_bytes); it was not run",
        "too_large", false},
       {order(R"({"TASKID":4,"NAME":"check_dummy"})"), 2, -1, 4,

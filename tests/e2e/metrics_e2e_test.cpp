@@ -1,11 +1,12 @@
 // LOG/metrics_file, end to end: after known orders the file tells what the agent did, and the last
-// write on the way out says the link is down. (The install test has the real node exporter serve
-// it, under systemd.)
+// write on the way out (SIGTERM, a plugin still running) says the link is down. (The install test
+// has the real node exporter serve it, under systemd.)
 #include <signal.h>
 #include <sys/stat.h>
 
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <sstream>
 
 #include "tests/e2e/agentTest.h"
@@ -28,7 +29,7 @@ std::map<std::string, std::string> samples(const std::string& text) {
   return found;
 }
 
-TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDid) {
+TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDidAndSigtermEndsItAtOnce) {
   sandbox_->setKey("LOG", "metrics_file", "/tmp/nivo/nivo-agent.prom");
   sandbox_->setKey("NIVO", "plugin_timeout", "1");
   sandbox_->setKey("NIVO", "max_queue", "50");
@@ -90,9 +91,15 @@ TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDid) {
   EXPECT_GE(std::stod(now["nivo_agent_plugin_duration_seconds_sum{plugin=\"fault_forever\"}"]),
             1.0);
 
+  // SIGTERM ends the agent at once, though a plugin holds a worker for good, and closes the link
+  // normally.
   sandbox_->signal(SIGTERM);
   EXPECT_EQ(ending(kWait), kExitedNormally);
   EXPECT_EQ(metrics()["nivo_agent_link_up"], "0");
+  const std::optional<qavel::CloseInfo> closed = server_->waitForClose(kWait);
+  ASSERT_TRUE(closed);
+  EXPECT_EQ(closed->code, 1000);
+  EXPECT_EQ(closed->reason, "stop qavel client... SIGTERM: ");
 }
 
 }  // namespace

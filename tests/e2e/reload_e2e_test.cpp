@@ -24,6 +24,7 @@ TEST_F(AgentTest, ReloadTakesUpPluginsAndLimitsOnTheSameLinkAndKeepsAllWhenItCan
   server_->sendExec(1, "plugin_new", "", 5);
   ASSERT_EQ(answers_.to(1), once(qavel::execResponse(2, 1, unknownNew, -1)));
   EXPECT_TRUE(logHas("#NOTICE#EXEC plugin: error plugin not defined\n"));
+  EXPECT_TRUE(logHas("#DEBUG#{\n\t\"COMMAND\" : \"EXEC-RESPONSE\",\n\t\"STATUS\" : 2,"));
 
   // Rotated the way logrotate's create does it: moved away, then the agent is told.
   ASSERT_EQ(std::rename(sandbox_->path("agent.log").c_str(), sandbox_->path("agent.log.1").c_str()),

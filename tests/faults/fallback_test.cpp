@@ -26,7 +26,7 @@ TEST_F(FallbackTest, AgentRunsWithTheFirstServerItTrustsAndPresentsItsCertificat
 
   const std::string closed = "wss://127.0.0.1:1";
   const std::string refused = "wss://127.0.0.1:" + std::to_string(untrusted.port());
-  const std::string good = "wss://" + serverAddress();
+  const std::string good = "wss://localhost:" + std::to_string(server_->port());  // by its name
   sandbox_->setKey("SSL", "verify_server", "1");
   sandbox_->setKey("SSL", "cafile", pki.pem("a"));
   sandbox_->setKey("SSL", "local_cert", pki.pem("agent"));

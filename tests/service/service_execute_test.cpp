@@ -84,6 +84,9 @@ TEST_F(ServiceExecute, EveryEndingIsAnsweredAsAloneAndLeavesNothingBehind) {
   for (const auto& fd : {below, shell, above}) fds += " " + std::to_string(fd->get());
   fds += "; do test -e /proc/$$/fd/$fd && echo $fd open; done; echo checked'";
   const std::string loop = "while :; do :; done", signalled = script("signalled", "kill -$1 $$");
+  // Past its time it gets SIGTERM and a grace second before SIGKILL, its output closed or not.
+  const std::string graced = script("graced", "trap 'exec >&-; /bin/sleep 0.2; : >" +
+                                                  path("graced.done") + "' TERM; sleep 30 & wait");
   const std::string allocating =
       script("allocating",
              "/usr/bin/python3 -c 'try:\n bytearray(512 << 20)\n print(\"allocated\")\n"
@@ -111,6 +114,7 @@ TEST_F(ServiceExecute, EveryEndingIsAnsweredAsAloneAndLeavesNothingBehind) {
       {"/bin/sleep", "30", 3, timedOut, "", over, RunLimits{1}},
       {plugin("fault_background.sh"), markers, 3, timedOut, "", over, RunLimits{1}},
       {plugin("fault_close_stdout.sh"), markers, 3, timedOut, "", over, RunLimits{1}},
+      {graced, "", 3, timedOut, "", over, RunLimits{1}},
       {exit, "quick 0", 0, "quick\n", "", done, RunLimits{60}},
       {"/bin/sh", "-c 'echo early; exec >&-; /bin/sleep 0.3; exit 2'", 2, "early\n", "", done,
        RunLimits{60}},
@@ -137,6 +141,7 @@ TEST_F(ServiceExecute, EveryEndingIsAnsweredAsAloneAndLeavesNothingBehind) {
   EXPECT_EQ(openDescriptors(), descriptors);
   EXPECT_TRUE(noChildLeft());
   EXPECT_EQ(processesMentioning(path("never")), 0);
+  EXPECT_TRUE(std::filesystem::exists(path("graced.done")));
   const long mapped = mappedKb();
   for (int i = 0; i < 300; ++i) expectRun(runs[0]);
   EXPECT_LT(mappedKb() - mapped, 4096);
