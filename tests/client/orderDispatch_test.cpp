@@ -45,9 +45,10 @@ std::string order(const std::string& task) { return R"({"COMMAND":"EXEC","TASK":
 
 TEST(OrderDispatch, OrdersThatCannotRunAreAnsweredAtOnce) {
   // Members of every kind before TASKID, which the skimmer passes over.
-  const std::string tooLarge = order(R"({"NAME":"check_dummy","PRIORITY":5,"X":{"a":[1,{}]},)"
-                                     R"("PARAMETER":")" +
-                                     std::string(300, 'x') + R"(","TASKID":21})");
+  const std::string tooLarge =
+      order(R"({"NAME":"check_dummy","PRIORITY":15,"X":{"a":[1]},"Y":[true],)"
+            R"("PARAMETER":")" +
+            std::string(300, 'x') + R"(","TASKID":21})");
   const struct {
     std::string frame;
     int status, returned, taskId;

@@ -56,9 +56,10 @@ TEST_F(AgentTest, OrdersAreAnsweredAndTheStatusAndLastExecutionFilesFollowTheRun
            "#DEBUG#ENDPOINT SOCKET: start connect function: " + url + "\n",
            "#DEBUG#ENDPOINT SOCKET: on_message function: {", "#INFO#Pool exec is running\n"})
     EXPECT_TRUE(logHas(line)) << line;
-  // Said when the mode is set, and again when the pool starts.
-  const std::string log = sandbox_->log(), autoSize = "#DEBUG#POOL EXEC: Auto size mode\n";
-  EXPECT_NE(log.find(autoSize, log.find(autoSize) + 1), std::string::npos);
+  // Said by each of the two pools when its mode is set, and again when it starts.
+  const std::string log = sandbox_->log();
+  const std::regex autoSize("#DEBUG#POOL EXEC: Auto size mode\n");
+  EXPECT_EQ(std::distance(std::sregex_iterator(log.begin(), log.end(), autoSize), {}), 4);
 
   sandbox_->removeFile("tmp/lastexec");
   const std::time_t beforeOrder = std::time(nullptr);

@@ -35,7 +35,10 @@ TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDidAndSigtermEndsItAtOnce) {
   sandbox_->setKey("NIVO", "max_queue", "50");
   addPlugin("fault_forever", "fault_forever.sh");
   addPlugin("plugin_broken", "plugin_exit.sh");
+  // A directory in the file's place at start: the agent runs on and writes the file once it can.
+  std::filesystem::create_directory(sandbox_->path("tmp/nivo-agent.prom"));
   ASSERT_TRUE(launchRunning());
+  std::filesystem::remove(sandbox_->path("tmp/nivo-agent.prom"));
   // Catalogued, and then no longer executable: its start fails.
   ASSERT_EQ(chmod(sandbox_->path("plugins/plugin_broken").c_str(), 0644), 0);
   const auto metrics = [&] { return samples(sandbox_->readFile("tmp/nivo-agent.prom")); };
@@ -88,6 +91,7 @@ TEST_F(AgentTest, MetricsFileTellsWhatTheAgentDidAndSigtermEndsItAtOnce) {
       {"nivo_agent_reloads_total{result=\"applied\"}", "1"},
   };
   for (const auto& [sample, value] : expected) EXPECT_EQ(now[sample], value) << sample;
+  EXPECT_TRUE(logHas("#NOTICE#NIVO metrics: /tmp/nivo/nivo-agent.prom written again\n"));
   EXPECT_GE(std::stod(now["nivo_agent_plugin_duration_seconds_sum{plugin=\"fault_forever\"}"]),
             1.0);
 
