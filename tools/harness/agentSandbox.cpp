@@ -8,15 +8,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
 
 #include "src/common/uniqueFd.h"
+#include "tools/harness/procScan.h"
 
 namespace fs = std::filesystem;
 
@@ -47,18 +48,15 @@ namespace {
 // runs in the namespace sandbox-run made, the agent's plugins included after it has ended. A
 // namespace's number does not tell it, since another sandbox's may take it up once it is gone.
 std::vector<pid_t> processesInSandbox(const std::string& dir) {
-  std::vector<pid_t> found;
   std::error_code ignored;
   const fs::path host = fs::read_symlink("/proc/self/ns/mnt", ignored);
-  const std::string mark = dir + "/.overlay/";
-  for (const auto& process : fs::directory_iterator("/proc", ignored)) {
-    const std::string name = process.path().filename();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    if (fs::read_symlink(process.path() / "ns" / "mnt", ignored) == host) continue;
-    std::ifstream mounts(process.path() / "mountinfo");
-    const std::string text{std::istreambuf_iterator<char>(mounts), {}};
-    if (text.find(mark) != std::string::npos) found.push_back(std::stoi(name));
-  }
+  std::vector<pid_t> found = processesWhose("mountinfo", dir + "/.overlay/");
+  found.erase(std::remove_if(found.begin(), found.end(),
+                             [&](pid_t pid) {
+                               return fs::read_symlink("/proc/" + std::to_string(pid) + "/ns/mnt",
+                                                       ignored) == host;
+                             }),
+              found.end());
   return found;
 }
 

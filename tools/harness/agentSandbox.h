@@ -27,8 +27,8 @@ class agentSandbox {
   // two monitor workers, the serial number "SN-TEST-0001" and an empty plugin list.
   agentSandbox(Paths paths, const std::string& serverUrl, const std::string& parent = "/var/tmp");
   // Kills an agent still running and every plugin it started, running or left behind, each with
-  // its process group (found by the sandbox's mount namespace, so after the agent's end too), and
-  // removes the directory.
+  // its process group (found by the sandbox's overlays in its mounts, so after the agent's end
+  // too), and removes the directory.
   ~agentSandbox();
   agentSandbox(const agentSandbox&) = delete;
   agentSandbox& operator=(const agentSandbox&) = delete;
